@@ -1,0 +1,98 @@
+// Buffers on the module heap (malloc/free). Buffers handed to the host come
+// from here and go back through BufferFree; secrets are wiped before free.
+#pragma once
+
+#include <windows.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+namespace qv {
+
+// Overwrites memory in a way the optimiser may not drop.
+inline void SecureWipe(void* data, size_t size) noexcept {
+    if (data && size) SecureZeroMemory(data, size);
+}
+
+inline void SecureWipe(std::wstring& text) noexcept {
+    if (!text.empty()) SecureZeroMemory(&text[0], text.size() * sizeof(wchar_t));
+    text.clear();
+}
+
+inline void SecureWipe(std::string& text) noexcept {
+    if (!text.empty()) SecureZeroMemory(&text[0], text.size());
+    text.clear();
+}
+
+// Wipes and frees a malloc'd block holding a secret.
+inline void FreeSecret(void* data, size_t size) noexcept {
+    if (!data) return;
+    SecureWipe(data, size);
+    std::free(data);
+}
+
+// Owns one malloc'd block. WipeOnFree is for passwords, digests and keys.
+template <typename T, bool WipeOnFree = false>
+class HeapBuffer {
+public:
+    HeapBuffer() noexcept = default;
+    HeapBuffer(T* data, size_t bytes) noexcept : m_data(data), m_bytes(bytes) {}
+    ~HeapBuffer() { reset(); }
+
+    HeapBuffer(const HeapBuffer&) = delete;
+    HeapBuffer& operator=(const HeapBuffer&) = delete;
+    HeapBuffer(HeapBuffer&& other) noexcept : m_data(other.m_data), m_bytes(other.m_bytes) {
+        other.m_data = nullptr;
+        other.m_bytes = 0;
+    }
+    HeapBuffer& operator=(HeapBuffer&& other) noexcept {
+        if (this != &other) {
+            reset();
+            m_data = other.m_data;
+            m_bytes = other.m_bytes;
+            other.m_data = nullptr;
+            other.m_bytes = 0;
+        }
+        return *this;
+    }
+
+    // Allocates `bytes` zero-filled bytes; false when the heap refuses.
+    bool allocate(size_t bytes) noexcept {
+        reset();
+        m_data = static_cast<T*>(std::calloc(bytes ? bytes : 1, 1));
+        m_bytes = m_data ? bytes : 0;
+        return m_data != nullptr;
+    }
+    void reset(T* data = nullptr, size_t bytes = 0) noexcept {
+        if (m_data) {
+            if (WipeOnFree) SecureWipe(m_data, m_bytes);
+            std::free(m_data);
+        }
+        m_data = data;
+        m_bytes = bytes;
+    }
+    T* release() noexcept {
+        T* data = m_data;
+        m_data = nullptr;
+        m_bytes = 0;
+        return data;
+    }
+
+    T* get() const noexcept { return m_data; }
+    size_t bytes() const noexcept { return m_bytes; }
+    explicit operator bool() const noexcept { return m_data != nullptr; }
+
+private:
+    T* m_data = nullptr;
+    size_t m_bytes = 0;
+};
+
+using ByteBuffer = HeapBuffer<BYTE>;
+using SecretBytes = HeapBuffer<BYTE, true>;
+using CharBuffer = HeapBuffer<char>;
+using SecretChars = HeapBuffer<char, true>;
+using WideBuffer = HeapBuffer<wchar_t>;
+using SecretWide = HeapBuffer<wchar_t, true>;
+
+}  // namespace qv

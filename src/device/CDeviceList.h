@@ -1,0 +1,21 @@
+// The module-wide registry of open sessions, searched by handle. It does not
+// own the sessions; every operation holds the list's own lock, and only
+// inside the call.
+#pragma once
+
+#include <list>
+
+#include "common/AuSSSection.h"
+
+class CDevice;
+
+class CDeviceList {
+public:
+    CDevice* GetCDevice(DWORD handle);
+    void Add(CDevice* device);
+    void Remove(CDevice* device);
+
+private:
+    std::list<CDevice*> m_devices;
+    AuSSSection m_lock;
+};

@@ -1,0 +1,62 @@
+// The only code that touches the network: one WinHTTP session and connection
+// to one server (plain and secure port) and at most one open request. Posts
+// one SOAP message, checks status and content type, reads the whole body.
+// Serves one exchange at a time; the caller serialises.
+#pragma once
+
+#include <windows.h>
+#include <winhttp.h>
+
+#include <string>
+
+#include "common/UniqueHandle.h"
+
+struct WinHttpHandleTraits {
+    using Type = HINTERNET;
+    static Type Invalid() { return nullptr; }
+    static void Close(Type h) { WinHttpCloseHandle(h); }
+};
+using UniqueInternet = qv::UniqueHandle<WinHttpHandleTraits>;
+
+class CWinHttp {
+public:
+    CWinHttp(const std::wstring& hostName, USHORT port, USHORT securePort);
+    ~CWinHttp();
+    CWinHttp(const CWinHttp&) = delete;
+    CWinHttp& operator=(const CWinHttp&) = delete;
+
+    void SetSSLMode(BOOL sslMode) { m_bSSLMode = sslMode; }
+    BOOL GetSSLMode() const { return m_bSSLMode; }
+    void SetObjectPath(const std::wstring& path) { m_wstrObjectPath = path; }
+    const std::wstring& GetObjectPath() const { return m_wstrObjectPath; }
+
+    DWORD Open();
+    // An empty mtomId is a plain SOAP exchange. On success *responsByteData
+    // (MTOM only) is a malloc'd buffer the caller owns.
+    DWORD SendRequest(const std::wstring& action, const std::wstring& envelope, std::wstring* responseContent,
+                      BYTE** responsByteData, DWORD* responsByteDataSize, const std::wstring& mtomId);
+    void Close();
+    BOOL GetPolicyInfo();
+    static DWORD MapWinHttpError(DWORD error);
+
+    // For tests: the keep-alive policy read from the policy ini.
+    USHORT KeepAlivePolicy() const { return m_usKeepAlivePolicy; }
+
+private:
+    DWORD _SendRequest(const std::wstring& action, const std::wstring& envelope, std::wstring* responseContent,
+                       BYTE** responsByteData, DWORD* responsByteDataSize, const std::wstring& mtomId);
+    DWORD Request(HINTERNET hRequest, const BYTE* pBuffer, DWORD dwNumberOfBytesToWrite);
+    DWORD InitRedirect();
+
+    // Declared so that destruction closes request, then connection, then session.
+    UniqueInternet m_hSession;
+    UniqueInternet m_hConnect;
+    UniqueInternet m_hRequest;
+    std::wstring m_wstrObjectPath;
+    std::wstring m_wstrHostName;
+    USHORT m_usPort;
+    USHORT m_usSecurePort;
+    BOOL m_bSSLMode;
+    BOOL m_bPolicyRead;
+    USHORT m_usKeepAlivePolicy;
+};

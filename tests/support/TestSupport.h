@@ -1,0 +1,29 @@
+// Helpers shared by the test programs.
+#pragma once
+
+#include <windows.h>
+
+#include <string>
+
+namespace qvtest {
+
+// A new empty folder under %TEMP%, removed with its files when destroyed.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const std::wstring& Path() const { return m_path; }
+    std::wstring File(const std::wstring& name) const { return m_path + L"\\" + name; }
+
+private:
+    std::wstring m_path;
+};
+
+// Writes `content` (UTF-8 or ANSI bytes) to `path`, replacing it.
+bool WriteFileBytes(const std::wstring& path, const std::string& content);
+// The whole file as bytes; empty if it cannot be read.
+std::string ReadFileBytes(const std::wstring& path);
+
+}  // namespace qvtest
