@@ -46,6 +46,12 @@ constexpr const char* SourceBaseName(const char* path) {
 }
 }  // namespace qv
 
+#ifdef QV_NO_TRACE
+// A build without trace call sites, only to measure what tracing costs.
+#define WSCLOG(level, ...) \
+    do {                   \
+    } while (0)
+#else
 #define WSCLOG(level, ...)                                                          \
     do {                                                                            \
         if (::WSCLog::Enabled(level)) {                                             \
@@ -54,3 +60,4 @@ constexpr const char* SourceBaseName(const char* path) {
             ::WSCLog::Print(qvLogRecord_, __VA_ARGS__);                             \
         }                                                                           \
     } while (0)
+#endif
