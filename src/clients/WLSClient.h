@@ -33,6 +33,9 @@ public:
     const std::wstring& SecurityToken() const { return m_wstrSecurityToken; }
 
 protected:
+    // Opens the transport; a seam so that tests can stand in for the network.
+    virtual DWORD OpenSoapTrans(CSoapTrans* transport, DWORD flags);
+
     std::wstring m_wstrAddress;
     USHORT m_usPort;
     USHORT m_usSecurePort;

@@ -1,8 +1,260 @@
-// PLACEHOLDER: replaced by the device-communication client implementation.
 #include "clients/WSDrvCommClient.h"
-WSDrvCommClient::WSDrvCommClient(const std::wstring& address) : WLSClient(address) {}
-WSDrvCommClient::~WSDrvCommClient() = default;
-DWORD WSDrvCommClient::Request(WSRequest*, const std::wstring&) { return ZEB_ERROR_GENERAL_INVALID_INSTANCE; }
-DWORD WSDrvCommClient::GetPublicKey(std::wstring*, std::wstring*, std::wstring*, std::wstring*) { return ZEB_ERROR_GENERAL_INVALID_INSTANCE; }
-DWORD WSDrvCommClient::GetACT(const std::wstring&, DWORD, const std::wstring&, const std::wstring&, const std::wstring&, const std::wstring&, const std::wstring&, const std::wstring&, std::wstring*, std::wstring*) { return ZEB_ERROR_GENERAL_INVALID_INSTANCE; }
-void WSDrvCommClient::ConvertFlagToValue(DWORD, std::deque<std::wstring>*) {}
+
+#include <cstdio>
+#include <cstdlib>
+#include <cwchar>
+
+#include "common/HeapBuffer.h"
+#include "config/AddinSettings.h"
+#include "crypto/Base64.h"
+#include "crypto/KeyCrypter.h"
+#include "log/WSCLog.h"
+#include "messages/GetACTRequest.h"
+#include "messages/GetPublicKeyRequest.h"
+#include "soap/SoapRequest.h"
+#include "soap/SoapResponse.h"
+#include "transport/CSoapTrans.h"
+
+namespace {
+
+// ACT flag bit -> the ACV value the device service knows it by. The row order
+// is the order of the values on the wire and must not be sorted.
+struct FlagValueRow {
+    DWORD flag;
+    int value;
+};
+constexpr FlagValueRow kFlagValues[] = {
+    {0x00000002, 257},
+    {0x00000004, 258},
+    {0x00000001, 256},  // after 257 and 258, as the service expects
+    {0x00000200, 513},
+    {0x00000400, 514},
+    {0x00000800, 515},
+    {0x00001000, 516},
+    {0x00002000, 517},
+    {0x00000100, 512},  // after 513-517
+    {0x00020000, 769},
+    {0x00040000, 770},
+    {0x00010000, 768},  // after 769 and 770
+};
+
+constexpr ALG_ID kKeyCrypterAlgorithm = 26115;  // CALG_3DES: a key container good for RSA encryption
+// The MTOM argument is a constant on purpose: the exchange needs only some id.
+constexpr const wchar_t* kMtomArgument = L"01234567890123456789";
+
+long DecimalValue(const std::wstring& text) { return std::wcstol(text.c_str(), nullptr, 10); }
+
+// hmacKey encrypted with the DER public key, as Base64 text in *cipherText.
+DWORD EncryptHmacKey(const std::wstring& hmacKey, const std::wstring& publicKey, std::wstring* cipherText) {
+    BYTE* rawKey = nullptr;
+    DWORD rawKeySize = Base64Decoding(hmacKey, &rawKey);
+    qv::SecretBytes keyBytes(rawKey, rawKeySize);
+    if (!rawKeySize || !rawKey) {
+        WSCLOG(1, L"WSDrvCommClient::GetACT Base64Decoding pSrcData ZEB_ERROR = %08x", ZEB_ERROR_OUTOFMEMORY);
+        return ZEB_ERROR_OUTOFMEMORY;
+    }
+    BYTE* rawPublicKey = nullptr;
+    DWORD rawPublicKeySize = Base64Decoding(publicKey, &rawPublicKey);
+    qv::ByteBuffer publicKeyBytes(rawPublicKey, rawPublicKeySize);
+    if (!rawPublicKeySize || !rawPublicKey) {
+        WSCLOG(1, L"WSDrvCommClient::GetACT Base64Decoding pPublicKey ZEB_ERROR = %08x", ZEB_ERROR_OUTOFMEMORY);
+        return ZEB_ERROR_OUTOFMEMORY;
+    }
+    if (rawPublicKeySize > 0xFFFF) {
+        // KeyCrypter takes a 16-bit key length; no RSA key of ours comes near it.
+        WSCLOG(1, L"WSDrvCommClient::GetACT PublicKeyLength = %u ZEB_ERROR = %08x", rawPublicKeySize,
+               ZEB_ERROR_INVALID_PARAMETER);
+        return ZEB_ERROR_INVALID_PARAMETER;
+    }
+
+    KeyCrypter crypter;
+    BYTE* rawCipher = nullptr;
+    DWORD rawCipherSize = 0;
+    DWORD result = crypter.Initialize(kKeyCrypterAlgorithm, 0);
+    if (!ZEB_FAILED(result)) {
+        result = crypter.EncryptWithPublicKey(static_cast<USHORT>(rawPublicKeySize), rawPublicKey, rawKeySize, rawKey,
+                                              &rawCipherSize, &rawCipher);
+        // EncryptWithPublicKey reports success even when its last step (the
+        // byte reversal) failed and left no output.
+        if (!ZEB_FAILED(result) && !rawCipher) {
+            WSCLOG(1, L"WSDrvCommClient::GetACT EncryptWithPublicKey pbyCipherData ZEB_ERROR = %08x",
+                   ZEB_ERROR_OUTOFMEMORY);
+            result = ZEB_ERROR_OUTOFMEMORY;
+        }
+        if (!ZEB_FAILED(result)) result = crypter.Clear();
+    }
+    qv::ByteBuffer cipherBytes(rawCipher, rawCipher ? rawCipherSize : 0);
+    if (ZEB_FAILED(result)) {
+        crypter.Clear();
+        return result;
+    }
+
+    *cipherText = Base64Encoding(rawCipher, rawCipherSize);
+    if (cipherText->empty()) {
+        WSCLOG(1, L"WSDrvCommClient::GetACT Base64Encoding pbyCipherData ZEB_ERROR = %08x", ZEB_ERROR_OUTOFMEMORY);
+        return ZEB_ERROR_OUTOFMEMORY;
+    }
+    return result;
+}
+
+}  // namespace
+
+WSDrvCommClient::WSDrvCommClient(const std::wstring& address) : WLSClient(address) {
+    WSCLOG(4, L"WSDrvCommClient constructor IN");
+    m_wstrDrvCommUrl = AddinSettings::Current()->wstrDrvCommUrl;
+    WSCLOG(4, L"WSDrvCommClient constructor OUT");
+}
+
+WSDrvCommClient::~WSDrvCommClient() {
+    WSCLOG(4, L"WSDrvCommClient destructor IN");
+    WSCLOG(4, L"WSDrvCommClient destructor OUT");
+}
+
+void WSDrvCommClient::ConvertFlagToValue(DWORD actFlags, std::deque<std::wstring>* values) {
+    WSCLOG(4, L"WSDrvCommClient::ConvertFlagToValue IN");
+    if (!values) return;
+    values->clear();
+    wchar_t text[128];
+    if (actFlags == 0) {
+        swprintf(text, 128, L"%d", 0);
+        values->push_back(text);
+    } else {
+        for (const FlagValueRow& row : kFlagValues) {
+            if (!(actFlags & row.flag)) continue;
+            swprintf(text, 128, L"%d", row.value);
+            values->push_back(text);
+        }
+    }
+    WSCLOG(4, L"WSDrvCommClient::ConvertFlagToValue OUT");
+}
+
+DWORD WSDrvCommClient::Request(WSRequest* message, const std::wstring& mtom) {
+    WSCLOG(4, L"WSDrvCommClient::Request IN");
+    if (!message) {
+        WSCLOG(1, L"WSDrvCommClient::Request PARAMETER ZEB_ERROR = %08x", ZEB_ERROR_INVALID_PARAMETER);
+        return ZEB_ERROR_INVALID_PARAMETER;
+    }
+    if (!m_pSoapTrans) {
+        WSCLOG(1, L"WSDrvCommClient::Request ZEB_ERROR_GENERAL_INVALID_INSTANCE ZEB_ERROR = %08x",
+               ZEB_ERROR_GENERAL_INVALID_INSTANCE);
+        return ZEB_ERROR_GENERAL_INVALID_INSTANCE;
+    }
+    SoapRequest request(m_wstrAddress, m_usPort, m_usSecurePort, m_wstrDrvCommUrl);
+    DWORD result = message->Serialize(&request);
+    if (ZEB_FAILED(result)) return result;
+
+    SoapResponse response;
+    result = m_pSoapTrans->Request(&request, &response, mtom);
+    // A server error still carries a SOAP fault worth reading: the message
+    // turns it into its own code.
+    if (ZEB_FAILED(result) && result != ZEB_ERROR_HTTP_SERVER_ERROR) return result;
+
+    result = message->Deserialize(&response, mtom.c_str());
+    WSCLOG(4, L"WSDrvCommClient::Request OUT");
+    return result;
+}
+
+DWORD WSDrvCommClient::GetPublicKey(std::wstring* algorithm, std::wstring* strength, std::wstring* length,
+                                    std::wstring* publicKey) {
+    WSCLOG(4, L"WSDrvCommClient::GetPublicKey IN");
+    if (!algorithm || !strength || !length || !publicKey) {
+        WSCLOG(1, L"WSDrvCommClient::GetPublicKey PARAMETER ZEB_ERROR = %08x", ZEB_ERROR_INVALID_PARAMETER);
+        return ZEB_ERROR_INVALID_PARAMETER;
+    }
+    if (!m_pSoapTrans) {
+        WSCLOG(1, L"WSDrvCommClient::GetPublicKey ZEB_ERROR_GENERAL_INVALID_INSTANCE ZEB_ERROR = %08x",
+               ZEB_ERROR_GENERAL_INVALID_INSTANCE);
+        return ZEB_ERROR_GENERAL_INVALID_INSTANCE;
+    }
+    GetPublicKeyRequest message(m_wstrSecurityToken);
+    DWORD result = m_pSoapTrans->SetUrl(m_wstrDrvCommUrl);
+    if (ZEB_FAILED(result)) return result;
+    result = Request(&message, std::wstring());
+    if (ZEB_FAILED(result)) return result;
+
+    *algorithm = message.m_keyAlgorithm;
+    *strength = message.m_keyStrength;
+    *length = message.m_keyLength;
+    *publicKey = message.m_key;
+    WSCLOG(4, L"WSDrvCommClient::GetPublicKey OUT");
+    return result;
+}
+
+DWORD WSDrvCommClient::ActInfoToText(DWORD actType, const void* actData, DWORD actSize, DWORD signatureType,
+                                     const void* signatureData, DWORD signatureSize, std::wstring* act,
+                                     std::wstring* signature) {
+    std::wstring actText;
+    if (actType == kActDataText) {
+        if (actData) actText.assign(static_cast<const wchar_t*>(actData), actSize);
+    } else if (actType == kActDataBinary) {
+        actText = Base64Encoding(static_cast<const BYTE*>(actData), actSize);
+    } else {
+        WSCLOG(1, L"WSDrvCommClient::GetACT UnknownActInfoDataType ZEB_ERROR = %08x",
+               ZEB_ERROR_GENERAL_INVALID_INSTANCE);
+        return ZEB_ERROR_GENERAL_INVALID_INSTANCE;
+    }
+    std::wstring signatureText;
+    if (signatureType == kActDataText) {
+        if (signatureData) signatureText.assign(static_cast<const wchar_t*>(signatureData), signatureSize);
+    } else if (signatureType == kActDataBinary) {
+        // An unsigned ACT comes as zero bytes: no signature, not an error.
+        if (signatureSize) signatureText = Base64Encoding(static_cast<const BYTE*>(signatureData), signatureSize);
+    } else {
+        WSCLOG(1, L"WSDrvCommClient::GetACT UnknownSignatureInfoDataType ZEB_ERROR = %08x",
+               ZEB_ERROR_GENERAL_INVALID_INSTANCE);
+        return ZEB_ERROR_GENERAL_INVALID_INSTANCE;
+    }
+    act->swap(actText);
+    signature->swap(signatureText);
+    return 0;
+}
+
+DWORD WSDrvCommClient::GetACT(const std::wstring& subject, DWORD actFlags, const std::wstring& hmacAlgorithm,
+                              const std::wstring& hmacKeyStrength, const std::wstring& hmacKey,
+                              const std::wstring& publicKeyAlgorithm, const std::wstring& publicKeyStrength,
+                              const std::wstring& publicKey, std::wstring* act, std::wstring* signature) {
+    WSCLOG(4, L"WSDrvCommClient::GetACT IN");
+    if (!act || !signature) {
+        WSCLOG(1, L"WSDrvCommClient::GetACT PARAMETER ZEB_ERROR = %08x", ZEB_ERROR_INVALID_PARAMETER);
+        return ZEB_ERROR_INVALID_PARAMETER;
+    }
+    if (!m_pSoapTrans) {
+        WSCLOG(1, L"WSDrvCommClient::GetACT ZEB_ERROR_GENERAL_INVALID_INSTANCE ZEB_ERROR = %08x",
+               ZEB_ERROR_GENERAL_INVALID_INSTANCE);
+        return ZEB_ERROR_GENERAL_INVALID_INSTANCE;
+    }
+
+    // Only the second attempt (both algorithms named) carries a key; it goes
+    // out encrypted with the server's public key.
+    std::wstring cipherText;
+    if (DecimalValue(hmacAlgorithm) != 0 && DecimalValue(publicKeyAlgorithm) != 0) {
+        DWORD result = EncryptHmacKey(hmacKey, publicKey, &cipherText);
+        if (ZEB_FAILED(result)) return result;
+    }
+
+    std::deque<std::wstring> values;
+    ConvertFlagToValue(actFlags, &values);
+    if (values.empty()) {
+        WSCLOG(1, L"WSDrvCommClient::GetACT ConvertFlagToValue UnsupportedValues = %d ZEB_ERROR = %08x",
+               static_cast<int>(actFlags), ZEB_ERROR_GENERAL_INVALID_INSTANCE);
+        return ZEB_ERROR_GENERAL_INVALID_INSTANCE;
+    }
+
+    GetACTRequest message(m_wstrSecurityToken, subject, hmacAlgorithm, hmacKeyStrength, publicKeyAlgorithm,
+                          publicKeyStrength, cipherText, std::move(values));
+    std::wstring mtom;
+    if (AddinSettings::Current()->dwEnableMTOM) mtom = kMtomArgument;
+
+    DWORD result = m_pSoapTrans->SetUrl(m_wstrDrvCommUrl);
+    if (ZEB_FAILED(result)) return result;
+    result = Request(&message, mtom);
+    if (ZEB_FAILED(result)) return result;
+
+    // Type 1 sizes count UTF-16 code units, type 2 sizes bytes of the same buffer.
+    DWORD converted = ActInfoToText(message.GetACTDataType(), message.GetACTText(), message.GetACTDataSize(),
+                                    message.GetSignatureDataType(), message.GetSignatureText(),
+                                    message.GetSignatureDataSize(), act, signature);
+    if (ZEB_FAILED(converted)) return converted;
+    WSCLOG(4, L"WSDrvCommClient::GetACT OUT");
+    return result;
+}

@@ -24,6 +24,18 @@ public:
     // ACT flags -> the ACV values the request carries, in the wire order.
     static void ConvertFlagToValue(DWORD actFlags, std::deque<std::wstring>* values);
 
+    // How a GetACT answer delivers the ACT and the signature.
+    enum ActDataType : DWORD {
+        kActDataText = 1,    // the element's Base64 text, taken as it is
+        kActDataBinary = 2,  // raw bytes, Base64-encoded here
+    };
+    // Turns an answer's ACT and signature into Base64 text; any other data type
+    // fails with ZEB_ERROR_GENERAL_INVALID_INSTANCE and leaves both outputs as
+    // they were. Text sizes are in UTF-16 code units, binary sizes in bytes.
+    static DWORD ActInfoToText(DWORD actType, const void* actData, DWORD actSize, DWORD signatureType,
+                               const void* signatureData, DWORD signatureSize, std::wstring* act,
+                               std::wstring* signature);
+
 private:
     std::wstring m_wstrDrvCommUrl;
 };
