@@ -6,6 +6,8 @@
 
 #include <windows.h>
 
+#include <string>
+
 class SoapRequest;
 class SoapResponse;
 
@@ -18,4 +20,11 @@ public:
 protected:
     WSRequest() = default;
     ~WSRequest() = default;
+
+    // Outcome of making a message identifier; each message logs the failing
+    // step in its own words.
+    enum class MessageIdStatus { Ok, CreateFailed, ToStringFailed };
+    // A new UUID in its 36-character lower-case text form. May throw
+    // std::bad_alloc (callers catch it at their boundary).
+    static MessageIdStatus NewMessageId(std::wstring& id);
 };
