@@ -10,6 +10,7 @@
 #include "Quorvantis.h"
 
 class CSoapTrans;
+class WSRequest;
 
 class IAuthentication {
 public:
@@ -25,3 +26,19 @@ public:
 // "NTLM", "SDL", "SDL2", "Basic" or "Basic2" (exact, case-sensitive); any other
 // name or a failed allocation gives nullptr. The caller deletes the object.
 IAuthentication* CreateAuthentication(const wchar_t* authType);
+
+namespace qv {
+
+// The exchange every mechanism's Request step performs once its own argument
+// checks passed: an envelope addressed to address/port/securePort/servicePath,
+// the message serialised into it, one plain SOAP round trip through the
+// transport and the answer read back into the message. Codes of each stage
+// are returned unchanged.
+DWORD ExchangeAuthMessage(CSoapTrans* transport, WSRequest* message, const std::wstring& servicePath,
+                          USHORT port, USHORT securePort, const std::wstring& address);
+
+// A fixed-size AuthInfo text field as a string, stopping at its terminator or
+// at the end of the field when the host left it unterminated.
+std::wstring AuthInfoText(const WCHAR (&field)[64]);
+
+}  // namespace qv
