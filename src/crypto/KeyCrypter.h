@@ -40,6 +40,12 @@ public:
     // CryptoAPI / Win32 error -> result code (ZEB_ERROR_CRYPT_GENERAL_ERROR if unknown).
     static DWORD MapCryptError(DWORD error);
 
+    // The call Initialize and Clear use to acquire and delete contexts
+    // (CryptAcquireContextW). Tests swap it to reach the container fallbacks;
+    // null restores the default. Returns the previous one.
+    using AcquireContextFn = BOOL(WINAPI*)(HCRYPTPROV*, LPCWSTR, LPCWSTR, DWORD, DWORD);
+    static AcquireContextFn SetAcquireContextForTest(AcquireContextFn fn);
+
     // For tests and diagnostics.
     HCRYPTPROV Provider() const { return m_hProv; }
     DWORD State() const { return m_dwProviderState; }
