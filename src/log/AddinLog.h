@@ -35,6 +35,13 @@ const Settings& CurrentSettings();
 // Tests only: read the registry again on next use.
 void ResetSettingsForTest();
 
+// Tests only: sinks that see every event-log report and every debugger line
+// as well as the platform does (null: none).
+using EventSink = void (*)(WORD eventType, DWORD eventId, bool hasUserSid, const wchar_t* line);
+using DebugSink = void (*)(const wchar_t* line);
+void SetEventSinkForTest(EventSink sink);
+void SetDebugSinkForTest(DebugSink sink);
+
 }  // namespace AddinLog
 
 // One per function that logs: writes a start line at construction and, unless
