@@ -18,6 +18,26 @@ constexpr size_t kPieceChars = 8192;
 
 SRWLOCK g_fileLock = SRWLOCK_INIT;
 std::wstring g_file;
+WSCLog::Clock g_clock = nullptr;
+WSCLog::WideSink g_wideSink = nullptr;
+WSCLog::NarrowSink g_narrowSink = nullptr;
+
+void Now(SYSTEMTIME* now) {
+    if (g_clock)
+        g_clock(now);
+    else
+        GetSystemTime(now);
+}
+
+void SendToDebugger(const wchar_t* line) {
+    if (g_wideSink) g_wideSink(line);
+    OutputDebugStringW(line);
+}
+
+void SendToDebugger(const char* line) {
+    if (g_narrowSink) g_narrowSink(line);
+    OutputDebugStringA(line);
+}
 
 struct FileTraits {
     using Type = HANDLE;
@@ -90,8 +110,8 @@ std::basic_string<Char> BuildLine(const WSCLog::Record& record, const Char* form
     Char* scratch = static_cast<Char*>(std::calloc(kPieceChars + 1, sizeof(Char)));
     if (!scratch) return line;
 
-    SYSTEMTIME now;
-    GetSystemTime(&now);
+    SYSTEMTIME now = {};
+    Now(&now);
     // UTC shifted by a fixed nine hours and never wrapped (H24..H32 from 15:00 UTC).
     P::Format(scratch, P::kTime, now.wHour + 9, now.wMinute, now.wSecond, now.wMilliseconds);
     line += scratch;
@@ -122,15 +142,22 @@ void WSCLog::Configure(DWORD threshold, const std::wstring& file) {
     s_threshold.store(threshold, std::memory_order_relaxed);
 }
 
+void WSCLog::SetClockForTest(Clock clock) { g_clock = clock; }
+
+void WSCLog::SetDebugSinksForTest(WideSink wide, NarrowSink narrow) {
+    g_wideSink = wide;
+    g_narrowSink = narrow;
+}
+
 void WSCLog::Print(const Record& record, const wchar_t* format, ...) {
-    if (record.level > Threshold()) return;
+    if (record.level > Threshold() || !format) return;
     try {
         va_list args;
         va_start(args, format);
         std::wstring line = BuildLine<wchar_t>(record, format, args);
         va_end(args);
         if (line.empty()) return;
-        OutputDebugStringW(line.c_str());
+        SendToDebugger(line.c_str());
         std::wstring file = CurrentFile();
         if (file.empty()) return;
         DWORD size = 0;
@@ -144,14 +171,14 @@ void WSCLog::Print(const Record& record, const wchar_t* format, ...) {
 }
 
 void WSCLog::Print(const Record& record, const char* format, ...) {
-    if (record.level > Threshold()) return;
+    if (record.level > Threshold() || !format) return;
     try {
         va_list args;
         va_start(args, format);
         std::string line = BuildLine<char>(record, format, args);
         va_end(args);
         if (line.empty()) return;
-        OutputDebugStringA(line.c_str());
+        SendToDebugger(line.c_str());
         std::wstring file = CurrentFile();
         if (file.empty()) return;
         WriteToFile(file, line.data(), static_cast<DWORD>(line.size()));

@@ -31,6 +31,14 @@ public:
     static void Configure(DWORD threshold, const std::wstring& file);
     static DWORD Threshold() { return s_threshold.load(std::memory_order_relaxed); }
 
+    // Tests only: a clock used instead of GetSystemTime, and sinks that see
+    // each debugger line as well as the debugger does (null: none).
+    using Clock = void(WINAPI*)(LPSYSTEMTIME);
+    using WideSink = void (*)(const wchar_t* line);
+    using NarrowSink = void (*)(const char* line);
+    static void SetClockForTest(Clock clock);
+    static void SetDebugSinksForTest(WideSink wide, NarrowSink narrow);
+
 private:
     static std::atomic<DWORD> s_threshold;
 };
