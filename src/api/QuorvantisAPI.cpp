@@ -56,7 +56,11 @@ HMODULE ModuleHandle() { return qv::ThisModule(); }
 void OnProcessAttach(HMODULE module) {
     qv::SetThisModule(module);
     LONG count = InterlockedIncrement(&g_attachCount);
-    AddinSettings::Replace(std::make_shared<const AddinSettings>());
+    try {
+        AddinSettings::Replace(std::make_shared<const AddinSettings>());
+    } catch (...) {
+        // Out of memory: the settings are built on first use instead.
+    }
     WSCLOG(3, L"DllMain DLL_PROCESS_ATTACH hModule = %08X  %d", static_cast<unsigned>(reinterpret_cast<UINT_PTR>(module)),
            static_cast<int>(count));
 }
@@ -115,7 +119,7 @@ DWORD WINAPI Open(LPCWSTR address, DWORD* handle, DWORD openFlags) {
     }
     CDevice* device = nullptr;
     try {
-        device = new CDevice(address, newHandle);
+        device = new (std::nothrow) CDevice(address, newHandle);
     } catch (...) {
         device = nullptr;
     }
@@ -123,7 +127,11 @@ DWORD WINAPI Open(LPCWSTR address, DWORD* handle, DWORD openFlags) {
         WSCLOG(1, L"Open new CDevice ZEB_ERROR = %08x", ZEB_ERROR_OUTOFMEMORY);
         return ZEB_ERROR_OUTOFMEMORY;
     }
-    g_devices.Add(device);
+    if (!g_devices.Add(device)) {
+        delete device;
+        WSCLOG(1, L"Open new CDevice ZEB_ERROR = %08x", ZEB_ERROR_OUTOFMEMORY);
+        return ZEB_ERROR_OUTOFMEMORY;
+    }
     DWORD result;
     try {
         result = device->Open(openFlags);
@@ -170,18 +178,24 @@ DWORD WINAPI GetPolicy(DWORD handle, DWORD* count, AuthInfo** list, DWORD* sslFl
         WSCLOG(1, L"GetPolicy CDeviceList::GetCDevice ZEB_ERROR = %08x", ZEB_ERROR_INVALID_HANDLE);
         return ZEB_ERROR_INVALID_HANDLE;
     }
+    // The session fills outputs of our own, so a failure never frees whatever
+    // the host left in its list pointer.
+    DWORD policyCount = 0;
+    AuthInfo* policyList = nullptr;
     DWORD result;
     try {
-        result = device->GetPolicy(count, list, sslFlag);
+        result = device->GetPolicy(&policyCount, &policyList, sslFlag);
     } catch (...) {
         result = ZEB_ERROR_OUTOFMEMORY;
     }
     if (ZEB_FAILED(result)) {
-        if (*list) std::free(*list);
+        std::free(policyList);
         *count = 0;
         *list = nullptr;
         return result;
     }
+    *count = policyCount;
+    *list = policyList;
     WSCLOG(4, L"GetPolicy OUT");
     return result;
 }
@@ -191,6 +205,10 @@ namespace {
 // The credential fields each mechanism needs, checked before any session work.
 bool CredentialsFit(DWORD flags, const AuthInfo* authInfo, const AuthCredential* credential, BYTE** output,
                     DWORD* outputSize) {
+    // AuthType is a fixed array: a name filling all of it has no terminator
+    // and matches nothing.
+    const size_t typeChars = sizeof(authInfo->AuthType) / sizeof(authInfo->AuthType[0]);
+    if (wcsnlen(authInfo->AuthType, typeChars) == typeChars) return false;
     const wchar_t* type = authInfo->AuthType;
     auto allThree = [&] { return credential && credential->UserID && credential->Password && credential->Domain; };
     if (wcscmp(type, L"NTLM") == 0) return !(flags & AUTH_FLAG_EXPLICIT_CREDENTIAL) || allThree();
@@ -247,7 +265,9 @@ namespace {
 // Frees what GetACT handed out so far and zeroes the host's outputs.
 void ClearActOutputs(BYTE** hmacKey, DWORD* hmacKeySize, BYTE** act, DWORD* actSize, BYTE** signature,
                      DWORD* signatureSize) {
-    qv::FreeSecret(*hmacKey, *hmacKeySize);
+    // The key buffer is always kHmacKeyBytes long, also before its size is
+    // reported, so all of it is wiped.
+    qv::FreeSecret(*hmacKey, kHmacKeyBytes);
     std::free(*act);
     std::free(*signature);
     *hmacKey = *act = *signature = nullptr;

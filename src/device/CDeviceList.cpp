@@ -11,10 +11,15 @@ CDevice* CDeviceList::GetCDevice(DWORD handle) {
     return nullptr;
 }
 
-void CDeviceList::Add(CDevice* device) {
-    if (!device) return;
+bool CDeviceList::Add(CDevice* device) {
+    if (!device) return false;
     AuSSLock lock(m_lock);
-    m_devices.push_back(device);
+    try {
+        m_devices.push_back(device);
+    } catch (...) {
+        return false;
+    }
+    return true;
 }
 
 void CDeviceList::Remove(CDevice* device) {

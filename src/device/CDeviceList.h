@@ -12,7 +12,8 @@ class CDevice;
 class CDeviceList {
 public:
     CDevice* GetCDevice(DWORD handle);
-    void Add(CDevice* device);
+    // False (nothing added) for a null session or when the list cannot grow.
+    bool Add(CDevice* device);
     void Remove(CDevice* device);
 
 private:
