@@ -240,9 +240,9 @@ TEST_F(AuthLogin, NtlmLoggedOnUserGivesAResultCode) {
     ASSERT_TRUE(server.Ok());
     AuthCredential credential = {nullptr, nullptr, nullptr};
     Outputs out;
-    // Wine has no single sign-on: without winbind's cached credentials its
-    // NTLM answers with an empty password, which the server refuses. On
-    // Windows this login would succeed for a user the server knows.
+    // Wine has no single sign-on: without winbind's cached credentials the
+    // logged-on user's NTLM exchange fails (in SSPI, or with an empty-password
+    // answer the server refuses). On Windows a known user would log in.
     DWORD result = Login(server, L"NTLM", 0, &credential, &out);
     EXPECT_TRUE(ZEB_FAILED(result)) << std::hex << result;
     EXPECT_EQ(out.assertionId, L"untouched-id");
