@@ -1,0 +1,187 @@
+#include "soap/SoapRequest.h"
+
+#include "common/ComString.h"
+#include "log/WSCLog.h"
+#include "soap/Namespaces.h"
+
+namespace {
+
+constexpr const wchar_t* kXmlDeclaration = L"<?xml version=\"1.0\" encoding=\"utf-8\"?>";
+constexpr const wchar_t* kMimeBoundaryPrefix = L"----MIMEBoundary";
+constexpr const wchar_t* kEmptyWsaTo = L"<wsa:To></wsa:To>";
+constexpr size_t kWsaToStartTagLength = 8;  // "<wsa:To>"
+constexpr const wchar_t* kFaultValueXPath = L"soap:Body/soap:Fault/soap:Code/soap:Subcode/soap:Value";
+
+// One entity per character that XML text and attribute values must not carry
+// verbatim; control characters are handled apart (they become a blank).
+struct Escape {
+    wchar_t character;
+    const wchar_t* entity;
+};
+constexpr Escape kEscapes[] = {
+    {L'"', L"&quot;"},
+    {L'&', L"&amp;"},
+    {L'\'', L"&#39;"},
+    {L'<', L"&lt;"},
+    {L'>', L"&gt;"},
+};
+
+const wchar_t* EntityFor(wchar_t c) {
+    for (const Escape& row : kEscapes)
+        if (row.character == c) return row.entity;
+    return nullptr;
+}
+
+// The prefix that the fault's soap:Value element itself declares for `uri`.
+// Declarations on its ancestors are deliberately not looked at. Every DOM
+// failure gives an empty prefix.
+std::wstring FindFaultPrefix(SoapMessage* response, const std::wstring& uri) {
+    std::wstring prefix;
+    if (!response) return prefix;
+    qv::ComPtr<IXMLDOMNode> value;
+    if (response->GetXMLNode(kFaultValueXPath, value) != SoapMessage::kOk || !value) return prefix;
+
+    qv::ComPtr<IXMLDOMNamedNodeMap> attributes;
+    if (FAILED(value->get_attributes(attributes.put())) || !attributes) {
+        WSCLOG(1, L"pNode->get_attributes failed.\n");
+        return prefix;
+    }
+    long count = 0;
+    if (FAILED(attributes->get_length(&count))) {
+        WSCLOG(1, L"pNodeMap->get_length failed.\n");
+        return prefix;
+    }
+    for (long i = 0; i < count; ++i) {
+        qv::ComPtr<IXMLDOMNode> attribute;
+        if (FAILED(attributes->get_item(i, attribute.put())) || !attribute) {
+            WSCLOG(1, L"pNodeList->get_item failed.\n");
+            return prefix;
+        }
+        qv::ComVariant text;
+        if (FAILED(attribute->get_nodeValue(text.put()))) {
+            WSCLOG(1, L"pNode->get_nodeValue failed.\n");
+            return prefix;
+        }
+        const wchar_t* chars = text.bstr();
+        const bool matches = chars && uri == chars;
+        if (FAILED(text.Clear())) WSCLOG(2, L"VariantClear(val) is failed. not cancel.");
+        if (!matches) continue;
+        qv::UniqueBstr baseName;
+        if (FAILED(attribute->get_baseName(baseName.addressof()))) {
+            WSCLOG(1, L"pNode->get_baseName failed.\n");
+            return prefix;
+        }
+        if (baseName) prefix.assign(baseName.get());
+        break;
+    }
+    return prefix;
+}
+
+}  // namespace
+
+SoapRequest::SoapRequest(const std::wstring& hostName, USHORT port, USHORT securePort,
+                         const std::wstring& servicePath)
+    : m_wstrHostName(hostName), m_usPort(port), m_usSecurePort(securePort), m_wstrServicePath(servicePath) {
+    WSCLOG(4, L"SoapRequest::SoapRequest IN");
+    WSCLOG(4, L"SoapRequest::SoapRequest OUT");
+}
+
+SoapRequest::~SoapRequest() {
+    WSCLOG(4, L"SoapRequest::~SoapRequest IN");
+    WSCLOG(4, L"SoapRequest::~SoapRequest OUT");
+}
+
+std::wstring SoapRequest::GetSoapEnvelope(std::wstring& envelope, BOOL sslMode, const std::wstring& mtomId) {
+    WSCLOG(4, L"SoapRequest::GetSoapEnvelope IN");
+    std::wstring text = kXmlDeclaration;
+    const bool mtom = !mtomId.empty();
+    if (mtom) {
+        // The root part of an MTOM message carries no XML declaration.
+        text.clear();
+        text += L"\r\n";
+        text += kMimeBoundaryPrefix;
+        text += mtomId;
+        text += L"\r\n";
+        text += L"content-id: <0.";
+        text += mtomId;
+        text += L"@";
+        text += ns::kMtomDomain;
+        text += L">\r\n";
+        text += L"content-type: application/xop+xml; charset=utf-8; type=\"application/soap+xml; charset=utf-8\"\r\n";
+        text += L"content-transfer-encoding: binary\r\n";
+        text += L"\r\n";
+    }
+    text += L"<soap:Envelope xmlns:xsd=\"";
+    text += ns::kXsd;
+    text += L"\" xmlns:xsi=\"";
+    text += ns::kXsi;
+    text += L"\" xmlns:soap=\"";
+    text += ns::kSoap;
+    text += L"\" xmlns:wsse=\"";
+    text += ns::kWsse;
+    text += L"\" xmlns:wsu=\"";
+    text += ns::kWsu;
+    text += L"\" xmlns:wsa=\"";
+    text += ns::kWsa;
+    text += L"\">";
+    text += m_wstrSoapHeader;
+    text += m_wstrSoapBody;
+    text += L"</soap:Envelope>";
+
+    // Only the first empty wsa:To is addressed; a message without one is sent
+    // as it is.
+    std::wstring url = sslMode ? L"https://" : L"http://";
+    url += m_wstrHostName;
+    url += L":";
+    url += std::to_wstring(sslMode ? m_usSecurePort : m_usPort);
+    url += m_wstrServicePath;
+    const size_t at = text.find(kEmptyWsaTo);
+    if (at != std::wstring::npos) text.insert(at + kWsaToStartTagLength, url);
+
+    if (mtom) {
+        text += L"\r\n";
+        text += kMimeBoundaryPrefix;
+        text += mtomId;
+        text += L"--\r\n";
+    }
+    WSCLOG(5, L"RequestMessage=%s", text.c_str());
+    envelope = text;
+    WSCLOG(4, L"SoapRequest::GetSoapEnvelope OUT");
+    return text;
+}
+
+std::wstring SoapRequest::SanitizeUserInputStr(const std::wstring& text) {
+    WSCLOG(4, L"SoapRequest::SanitizeUserInputStr IN");
+    WSCLOG(5, L"SoapRequest::SanitizeUserInputStr. Before Sanitizing = %s", text.c_str());
+    std::wstring result;
+    result.reserve(text.size());
+    for (wchar_t c : text) {
+        if (c < 0x20) {
+            WSCLOG(5, L"wcSrcStr =%s", text.c_str());
+            result += L' ';
+        } else if (const wchar_t* entity = EntityFor(c)) {
+            result += entity;
+        } else if (c == 0x7F) {
+            result += L' ';
+        } else {
+            result += c;
+        }
+    }
+    WSCLOG(5, L"SoapRequest::SanitizeUserInputStr. After Sanitizing = %s", result.c_str());
+    WSCLOG(4, L"SoapRequest::SanitizeUserInputStr OUT");
+    return result;
+}
+
+std::wstring SoapRequest::GetWlsSoapFaultPrefix(SoapMessage* response) {
+    WSCLOG(4, L"SoapRequest::GetWlsSoapFaultPrefix IN");
+    std::wstring prefix = FindFaultPrefix(response, ns::Wls());
+    WSCLOG(4, L"SoapRequest::GetWlsSoapFaultPrefix OUT wstrRet = %s", prefix.c_str());
+    return prefix;
+}
+
+std::wstring SoapRequest::GetZebSoapFaultPrefix(SoapMessage* response) {
+    WSCLOG(4, L"SoapRequest::GetZebSoapFaultPrefix IN");
+    std::wstring prefix = FindFaultPrefix(response, ns::Zeb());
+    WSCLOG(4, L"SoapRequest::GetZebSoapFaultPrefix OUT wstrRet = %s", prefix.c_str());
+    return prefix;
+}
