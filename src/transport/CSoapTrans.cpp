@@ -1,4 +1,156 @@
-// PLACEHOLDER: replaced by the transport session implementation.
 #include "transport/CSoapTrans.h"
-CSoapTrans::CSoapTrans(const std::wstring& h, USHORT p, USHORT s) : m_wstrHostName(h), m_usPort(p), m_usSecurePort(s), m_bSSLMode(FALSE) {}
-CSoapTrans::~CSoapTrans() = default;
+
+#include <cstdlib>
+#include <new>
+
+#include "Quorvantis.h"
+#include "config/AddinSettings.h"
+#include "log/WSCLog.h"
+#include "soap/SoapRequest.h"
+#include "soap/SoapResponse.h"
+
+namespace {
+
+bool IsFailure(DWORD code) { return (code & 0xD5000000) != 0; }
+
+// 0 and 1 are success; a server error is passed on like success so that the
+// fault it carries can be read.
+bool CarriesResponse(DWORD code) { return code == 0 || code == 1 || code == ZEB_ERROR_HTTP_SERVER_ERROR; }
+
+}  // namespace
+
+CSoapTrans::CSoapTrans(const std::wstring& hostName, USHORT port, USHORT securePort)
+    : m_wstrHostName(hostName), m_usPort(port), m_usSecurePort(securePort), m_bSSLMode(FALSE) {
+    WSCLOG(4, L"CSoapTrans constructor IN");
+    std::shared_ptr<const AddinSettings> settings = AddinSettings::Current();
+    if (settings) m_dwRetryCount = settings->dwRetryCount;
+    WSCLOG(4, L"CSoapTrans constructor OUT");
+}
+
+CSoapTrans::~CSoapTrans() {
+    WSCLOG(4, L"CSoapTrans destructor IN");
+    Close();
+    WSCLOG(4, L"CSoapTrans destructor OUT");
+}
+
+DWORD CSoapTrans::Open(BOOL sslMode) {
+    WSCLOG(4, L"CSoapTrans::Open IN");
+    m_pWinHttp.reset(new (std::nothrow) CWinHttp(m_wstrHostName, m_usPort, m_usSecurePort));
+    if (!m_pWinHttp) {
+        WSCLOG(1, L"CSoapTrans::Open new CWinHttp ZEB_ERROR = %08x", ZEB_ERROR_OUTOFMEMORY);
+        return ZEB_ERROR_OUTOFMEMORY;
+    }
+    m_bSSLMode = sslMode;
+    m_pWinHttp->SetSSLMode(sslMode);
+    DWORD code = m_pWinHttp->Open();
+    if (IsFailure(code)) {
+        m_pWinHttp->Close();
+        m_pWinHttp.reset();
+    }
+    WSCLOG(4, L"CSoapTrans::Open OUT");
+    return code;
+}
+
+void CSoapTrans::Close() {
+    WSCLOG(4, L"CSoapTrans::Close IN");
+    if (m_pWinHttp) {
+        m_pWinHttp->Close();
+        m_pWinHttp.reset();
+    }
+    WSCLOG(4, L"CSoapTrans::Close OUT");
+}
+
+DWORD CSoapTrans::SetUrl(const std::wstring& servicePath) {
+    WSCLOG(4, L"CSoapTrans::SetUrl IN");
+    if (!m_pWinHttp) {
+        WSCLOG(1, L"CSoapTrans::SetUrl ZEB_ERROR_GENERAL_INVALID_INSTANCE ZEB_ERROR = %08x",
+               ZEB_ERROR_GENERAL_INVALID_INSTANCE);
+        return ZEB_ERROR_GENERAL_INVALID_INSTANCE;
+    }
+    m_pWinHttp->SetObjectPath(servicePath);
+    m_wstrServicePath = servicePath;
+    WSCLOG(4, L"CSoapTrans::SetUrl OUT");
+    return 0;
+}
+
+DWORD CSoapTrans::Request(SoapRequest* request, SoapResponse* response, const std::wstring& mtomId) {
+    WSCLOG(4, L"CSoapTrans::Request IN");
+    if (!request || !response) {
+        WSCLOG(1, L"CSoapTrans::Request PARAMETER ZEB_ERROR = %08x", ZEB_ERROR_INVALID_PARAMETER);
+        return ZEB_ERROR_INVALID_PARAMETER;
+    }
+    if (!m_pWinHttp) {
+        WSCLOG(1, L"CSoapTrans::Request ZEB_ERROR_GENERAL_INVALID_INSTANCE ZEB_ERROR = %08x",
+               ZEB_ERROR_GENERAL_INVALID_INSTANCE);
+        return ZEB_ERROR_GENERAL_INVALID_INSTANCE;
+    }
+    std::wstring envelope;
+    request->GetSoapEnvelope(envelope, m_pWinHttp->GetSSLMode(), mtomId);
+    std::wstring action = request->GetAction();
+
+    std::wstring responseContent;
+    BYTE* responseBytes = nullptr;
+    DWORD responseByteCount = 0;
+    DWORD code = 0;
+    // Only a time-out is retried, at most RetryCount times, without a pause.
+    DWORD attempts = 0;
+    for (;;) {
+        code = m_pWinHttp->SendRequest(action, envelope, &responseContent, &responseBytes, &responseByteCount,
+                                       mtomId);
+        ++attempts;
+        if (code == ZEB_ERROR_WINHTTP_REDIRECT)
+            code = RedirectedRequest(request, action, envelope, &responseContent, &responseBytes,
+                                     &responseByteCount, mtomId);
+        if (code != ZEB_ERROR_WINHTTP_TIMEOUT) break;
+        WSCLOG(2, L"ZEB_ERROR_WINHTTP_TIMEOUT");
+        if (attempts > m_dwRetryCount) break;
+    }
+
+    if (CarriesResponse(code)) {
+        response->SetSoapEnvelope(responseContent);
+        if (responseBytes) {
+            response->SetMTOMData(responseBytes, responseByteCount);
+            responseBytes = nullptr;
+        }
+    }
+    std::free(responseBytes);
+    WSCLOG(4, L"CSoapTrans::Request OUT");
+    return code;
+}
+
+DWORD CSoapTrans::RedirectedRequest(SoapRequest* request, const std::wstring& action, const std::wstring& envelope,
+                                    std::wstring* responseContent, BYTE** responsByteData,
+                                    DWORD* responsByteDataSize, const std::wstring& mtomId) {
+    WSCLOG(4, L"CSoapTrans::RedirectedRequest IN");
+    if (!request || !responseContent || !responsByteData || !responsByteDataSize) {
+        WSCLOG(1, L"CSoapTrans::RedirectedRequest PARAMETER ZEB_ERROR = %08x", ZEB_ERROR_INVALID_PARAMETER);
+        return ZEB_ERROR_INVALID_PARAMETER;
+    }
+    if (!m_pWinHttp) {
+        WSCLOG(1, L"CSoapTrans::RedirectedRequest ZEB_ERROR_GENERAL_INVALID_INSTANCE ZEB_ERROR = %08x",
+               ZEB_ERROR_GENERAL_INVALID_INSTANCE);
+        return ZEB_ERROR_GENERAL_INVALID_INSTANCE;
+    }
+    // The redirect check set the channel's SSL mode: reopening connects to
+    // the secure port.
+    m_pWinHttp->Close();
+    DWORD code = m_pWinHttp->Open();
+    if (IsFailure(code)) return code;
+    if (!m_pWinHttp->GetSSLMode()) return code;
+
+    m_bSSLMode = TRUE;
+    std::wstring secureEnvelope;
+    request->GetSoapEnvelope(secureEnvelope, TRUE, mtomId);
+    (void)envelope;  // replaced: its addressing names the plain URL
+
+    DWORD attempts = 0;
+    for (;;) {
+        code = m_pWinHttp->SendRequest(action, secureEnvelope, responseContent, responsByteData,
+                                       responsByteDataSize, mtomId);
+        ++attempts;
+        if (code != ZEB_ERROR_WINHTTP_TIMEOUT) break;
+        if (attempts > m_dwRetryCount) break;
+    }
+    WSCLOG(4, L"CSoapTrans::RedirectedRequest OUT");
+    return code;
+}

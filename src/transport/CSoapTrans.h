@@ -27,6 +27,8 @@ public:
 
     BOOL GetSSLMode() const { return m_bSSLMode; }
     const std::wstring& GetServicePath() const { return m_wstrServicePath; }
+    // For tests: the channel, null when the session is closed.
+    CWinHttp* GetChannel() const { return m_pWinHttp.get(); }
 
 private:
     DWORD RedirectedRequest(SoapRequest* request, const std::wstring& action, const std::wstring& envelope,
@@ -39,4 +41,6 @@ private:
     USHORT m_usSecurePort;
     BOOL m_bSSLMode;
     std::unique_ptr<CWinHttp> m_pWinHttp;
+    // Taken from the current settings when the session is created.
+    DWORD m_dwRetryCount = 0;
 };

@@ -8,7 +8,9 @@
 #include <winhttp.h>
 
 #include <string>
+#include <vector>
 
+#include "common/HeapBuffer.h"
 #include "common/UniqueHandle.h"
 
 struct WinHttpHandleTraits {
@@ -41,12 +43,27 @@ public:
 
     // For tests: the keep-alive policy read from the policy ini.
     USHORT KeepAlivePolicy() const { return m_usKeepAlivePolicy; }
+    // The WINHTTP_OPTION_DISABLE_FEATURE value the keep-alive policy gives.
+    DWORD DisableFeatureValue() const;
+    // The named-proxy list given to WinHttpOpen by the last Open ("" = direct).
+    const std::wstring& ProxyList() const { return m_wstrProxyList; }
+    // "http=<proxy>;https=<proxy>", or "" for no proxy.
+    static std::wstring BuildProxyList(const std::wstring& webProxy);
+    // The one Content-Type request header line of a plain or MTOM exchange.
+    static std::wstring ContentTypeHeader(const std::wstring& action, const std::wstring& mtomId);
+    // Whether a response Content-Type is one the channel reads.
+    static bool IsAcceptedContentType(const std::wstring& contentType);
 
 private:
     DWORD _SendRequest(const std::wstring& action, const std::wstring& envelope, std::wstring* responseContent,
                        BYTE** responsByteData, DWORD* responsByteDataSize, const std::wstring& mtomId);
     DWORD Request(HINTERNET hRequest, const BYTE* pBuffer, DWORD dwNumberOfBytesToWrite);
     DWORD InitRedirect();
+    DWORD QueryHeaderText(DWORD infoLevel, const wchar_t* queryFailure, const wchar_t* mallocFailure,
+                          std::wstring* text);
+    DWORD ReadBody(bool mtom, std::wstring* responseContent, BYTE** responsByteData, DWORD* responsByteDataSize);
+    static bool PushBlock(std::vector<qv::ByteBuffer>* blocks, qv::ByteBuffer* block);
+    static bool AppendText(std::wstring* text, const wchar_t* piece);
 
     // Declared so that destruction closes request, then connection, then session.
     UniqueInternet m_hSession;
@@ -59,4 +76,8 @@ private:
     BOOL m_bSSLMode;
     BOOL m_bPolicyRead;
     USHORT m_usKeepAlivePolicy;
+    // Taken from the current settings when the channel is created.
+    std::wstring m_wstrWebProxy;
+    DWORD m_dwTimeout = 20000;
+    std::wstring m_wstrProxyList;
 };
