@@ -226,3 +226,30 @@ TEST_F(CSoapTransTest, MtomExchangeHandsTheBytesToTheResponse) {
     ASSERT_EQ(requests.size(), 1u);
     EXPECT_TRUE(StartsWith(requests[0].body, "\r\n----MIMEBoundary01234567890123456789\r\n")) << requests[0].body;
 }
+
+TEST_F(CSoapTransTest, TraceNamesEachTimeoutAndTheMappedError) {
+    OpenSession("Timeout=400\r\nRetryCount=1\r\nDebugLevel=5\r\nDebugFile={dir}\\trace.log\r\n");
+    ASSERT_TRUE(server.AddFaults(R"({"delay_ms": 3000, "times": 0, "status": 200, "body": "<late/>"})"));
+    auto request = MakeRequest();
+    SoapResponse response;
+    EXPECT_EQ(trans->Request(request.get(), &response, L""), ZEB_ERROR_WINHTTP_TIMEOUT);
+    trans.reset();
+    std::string trace = qvtest::ReadFileBytes(settings->File(L"trace.log"));
+    std::string wide;  // the file may hold UTF-16 text: keep the low bytes
+    for (char c : trace)
+        if (c != '\0') wide.push_back(c);
+    auto count = [&](const std::string& text) {
+        size_t n = 0;
+        for (size_t at = wide.find(text); at != std::string::npos; at = wide.find(text, at + 1)) ++n;
+        return n;
+    };
+    EXPECT_EQ(count("CSoapTrans::Request IN"), 1u) << wide;
+    EXPECT_EQ(count("CWinHttp::SendRequest IN"), 2u);
+    EXPECT_EQ(count("ZEB_ERROR_WINHTTP_TIMEOUT"), 2u);
+    EXPECT_EQ(count("dwFlags = 0x00003100"), 2u);
+    // Windows reports 12002 here, Wine 10060 (WSAETIMEDOUT); both map to the time-out.
+    EXPECT_EQ(count("CWinHttp::Request WinHttpReceiveResponse Error = 00002ee2, ZEB_ERROR = d5020001") +
+                  count("CWinHttp::Request WinHttpReceiveResponse Error = 0000274c, ZEB_ERROR = d5020001"),
+              2u);
+    EXPECT_EQ(count("CWinHttp::Open IN"), 1u);
+}

@@ -15,13 +15,19 @@ namespace qvtest {
 
 // Makes settings read from an ini (section "Quorvantis", the given lines)
 // current; the settings that were current come back when it is destroyed.
+// "{dir}" in the lines stands for the ini's own temporary folder.
 class ScopedSettings {
 public:
-    explicit ScopedSettings(const std::string& keyLines) : m_previous(AddinSettings::Current()) {
+    explicit ScopedSettings(std::string keyLines) : m_previous(AddinSettings::Current()) {
+        std::string dir;
+        for (wchar_t c : m_dir.Path()) dir.push_back(static_cast<char>(c));
+        for (size_t at = keyLines.find("{dir}"); at != std::string::npos; at = keyLines.find("{dir}"))
+            keyLines.replace(at, 5, dir);
         std::wstring ini = m_dir.File(L"Quorvantis.ini");
         WriteFileBytes(ini, "[Quorvantis]\r\n" + keyLines);
         AddinSettings::Replace(std::make_shared<const AddinSettings>(ini.c_str()));
     }
+    std::wstring File(const std::wstring& name) const { return m_dir.File(name); }
     ~ScopedSettings() { AddinSettings::Replace(m_previous); }
     ScopedSettings(const ScopedSettings&) = delete;
     ScopedSettings& operator=(const ScopedSettings&) = delete;
