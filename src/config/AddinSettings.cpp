@@ -50,12 +50,16 @@ std::wstring AddinSettings::IniPathBesideModule() {
     wchar_t name[MAX_PATH + 1] = {};
     DWORD length = GetModuleFileNameW(module, name, MAX_PATH);
     if (length == 0) return path;
-    std::wstring folder(name, length);
+    return IniPathForModuleFile(std::wstring(name, length));
+}
+
+std::wstring AddinSettings::IniPathForModuleFile(const std::wstring& moduleFileName) {
+    std::wstring folder = moduleFileName;
     size_t slash = folder.rfind(L'\\');
     // A name with no backslash, or with only one at its very start, is kept
     // whole and the ini name is appended to it.
     if (slash != std::wstring::npos && slash + 1 > 1) folder.erase(slash + 1);
-    return folder + path;
+    return folder + kIniName;
 }
 
 std::shared_ptr<const AddinSettings> AddinSettings::Current() {

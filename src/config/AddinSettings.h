@@ -41,6 +41,10 @@ struct AddinSettings {
     // "<module folder>\Quorvantis.ini", or the bare "Quorvantis.ini" when the
     // module's name cannot be had.
     static std::wstring IniPathBesideModule();
+    // The same for a given module file name: its folder (through the last
+    // backslash) and "Quorvantis.ini"; a name without a backslash, or with
+    // only one at its very start, is kept whole before the ini name.
+    static std::wstring IniPathForModuleFile(const std::wstring& moduleFileName);
 
     // The current settings; built from the module's ini on first use if the
     // module has not loaded them yet.

@@ -153,6 +153,17 @@ TEST_F(AddinSettingsTest, IniPathBesideTheLoadedModule) {
     FreeLibrary(module);
 }
 
+TEST_F(AddinSettingsTest, IniPathForAModuleFileName) {
+    EXPECT_EQ(AddinSettings::IniPathForModuleFile(L"C:\\drivers\\Quorvantis.dll"), L"C:\\drivers\\Quorvantis.ini");
+    EXPECT_EQ(AddinSettings::IniPathForModuleFile(L"\\\\server\\share\\Quorvantis.dll"),
+              L"\\\\server\\share\\Quorvantis.ini");
+    // Without a backslash, or with only one at the very start, the whole
+    // name stays in front of the ini name.
+    EXPECT_EQ(AddinSettings::IniPathForModuleFile(L"Quorvantis.dll"), L"Quorvantis.dllQuorvantis.ini");
+    EXPECT_EQ(AddinSettings::IniPathForModuleFile(L"\\Quorvantis.dll"), L"\\Quorvantis.dllQuorvantis.ini");
+    EXPECT_EQ(AddinSettings::IniPathForModuleFile(L"C:\\"), L"C:\\Quorvantis.ini");
+}
+
 TEST_F(AddinSettingsTest, ReplaceSetsTheCurrentSettingsAndTheTraceLog) {
     std::wstring log = m_dir.File(L"trace.log");
     std::wstring path = WriteIni("[Quorvantis]\nDebugLevel=3\nDebugFile=" +
