@@ -105,7 +105,6 @@ class _Handler(BaseHTTPRequestHandler):
                     return self._send(200, text)
             self._send(404, {"error": "unknown control path"})
         except (ValueError, KeyError, TypeError, AttributeError, ImportError) as exc:
-            traceback.print_exc()
             self._send(400, {"error": "%s: %s" % (type(exc).__name__, exc)})
         except Exception as exc:
             traceback.print_exc()
