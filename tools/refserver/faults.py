@@ -52,23 +52,23 @@ class Delivery:
 
 
 class FaultRule:
-    def __init__(self, spec: dict):
-        if not isinstance(spec, dict):
+    def __init__(self, data: dict):
+        if not isinstance(data, dict):
             raise ValueError("a fault rule is a JSON object")
-        self.spec = spec
-        self.path = spec.get("path")
-        self.method = spec.get("method")
-        self.nth = spec.get("nth")
-        times = spec.get("times", 1)
+        self.data = data
+        self.path = data.get("path")
+        self.method = data.get("method")
+        self.nth = data.get("nth")
+        times = data.get("times", 1)
         self.remaining = None if times in (0, None) else int(times)
         self.seen = 0
         self.delivery = Delivery(
-            delay_ms=int(spec.get("delay_ms", 0) or 0),
-            body_delay_ms=spec.get("body_delay_ms"),
-            chunks=spec.get("chunks"),
-            chunk_delay_ms=spec.get("chunk_delay_ms"),
-            close_after=spec.get("close_after"),
-            drop=bool(spec.get("drop", False)),
+            delay_ms=int(data.get("delay_ms", 0) or 0),
+            body_delay_ms=data.get("body_delay_ms"),
+            chunks=data.get("chunks"),
+            chunk_delay_ms=data.get("chunk_delay_ms"),
+            close_after=data.get("close_after"),
+            drop=bool(data.get("drop", False)),
         )
         if self.delivery.chunks is not None:
             self.delivery.chunks = [int(c) for c in self.delivery.chunks]
@@ -93,7 +93,7 @@ class FaultRule:
         return self.remaining <= 0
 
     def reply(self) -> Optional[Reply]:
-        s = self.spec
+        s = self.data
         if not any(k in s for k in ("status", "body", "body_b64", "location", "mtom")):
             return None
         if "body_b64" in s:
@@ -137,12 +137,12 @@ class FaultList:
         self.lock = threading.Lock()
         self.rules: List[FaultRule] = []
 
-    def add(self, specs):
-        if isinstance(specs, dict):
-            specs = [specs]
-        if not isinstance(specs, list):
+    def add(self, items):
+        if isinstance(items, dict):
+            items = [items]
+        if not isinstance(items, list):
             raise ValueError("faults: a rule object or a list of them")
-        rules = [FaultRule(s) for s in specs]
+        rules = [FaultRule(s) for s in items]
         with self.lock:
             self.rules.extend(rules)
         return len(rules)
