@@ -220,7 +220,7 @@ class _Connection:
         data = self.sock.recv(65536)
         if not data:
             raise _ConnectionClosed()
-        if not self.tls and hasattr(socket, "TCP_QUICKACK"):
+        if hasattr(socket, "TCP_QUICKACK"):
             try:
                 self.sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_QUICKACK, 1)
             except OSError:

@@ -74,6 +74,10 @@ def main(argv=None):
     signal.signal(signal.SIGTERM, lambda *a: stop.set())
     signal.signal(signal.SIGINT, lambda *a: stop.set())
 
+    # The certificate is made once per process; start on it now so that the
+    # first instance does not wait for it.
+    threading.Thread(target=core.certificate_files, daemon=True, name="certificate").start()
+
     registry = core.Registry()
     server = None
     if args.control_port_file or args.http_port is None:
