@@ -27,7 +27,12 @@ DWORD CDevice::Open(DWORD flags) {
         return ZEB_ERROR_OUTOFMEMORY;
     }
     DWORD result = m_pClient->Open(flags);
-    if (ZEB_FAILED(result)) m_pClient.reset();
+    if (ZEB_FAILED(result)) {
+        // The client has logged the failure; a session without a client
+        // answers every later call with an invalid instance.
+        m_pClient.reset();
+        return result;
+    }
     WSCLOG(4, L"CDevice::Open OUT");
     return result;
 }

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "Quorvantis.h"
+#include "config/AddinSettings.h"
 #include "device/CDevice.h"
 #include "device/CDeviceList.h"
 #include "log/WSCLog.h"
@@ -25,6 +26,9 @@ class CDeviceTest : public ::testing::Test {
 protected:
     void SetUp() override {
         g_lines.clear();
+        // The first use of the settings configures the trace log from them:
+        // have that happen before the level is raised here.
+        AddinSettings::Current();
         WSCLog::Configure(5, L"");
         WSCLog::SetDebugSinksForTest(Capture, nullptr);
     }
@@ -117,6 +121,17 @@ TEST_F(CDeviceTest, GetActChecksOutputsThenClient) {
               ZEB_ERROR_GENERAL_INVALID_INSTANCE);
     EXPECT_TRUE(Logged(L"CDevice::GetACT ZEB_ERROR_GENERAL_INVALID_INSTANCE ZEB_ERROR = d5010001"));
     EXPECT_TRUE(Logged(L"CDevice::GetACT IN"));
+}
+
+TEST_F(CDeviceTest, OpenKeepsTheClientOnlyOnSuccessAndCloseDropsIt) {
+    CDevice device(L"127.0.0.1", 3);
+    DWORD result = device.Open(0);
+    EXPECT_EQ(device.HasClient(), !ZEB_FAILED(result));
+    EXPECT_TRUE(Logged(L"CDevice::Open IN"));
+    EXPECT_EQ(Logged(L"CDevice::Open OUT"), !ZEB_FAILED(result));
+    device.Close();
+    EXPECT_FALSE(device.HasClient());
+    EXPECT_EQ(device.Close(), 0u);
 }
 
 TEST(CDeviceList, EmptyListFindsNothing) {
