@@ -7,6 +7,8 @@
 
 #include <windows.h>
 
+#include <cstdarg>
+
 namespace AddinLog {
 
 enum Kind : DWORD {
