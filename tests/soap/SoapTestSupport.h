@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "config/AddinSettings.h"
 #include "log/WSCLog.h"
 
 namespace soaptest {
@@ -30,6 +31,9 @@ inline void CaptureNarrow(const char* line) {
 class LoggedTest : public ::testing::Test {
 protected:
     void SetUp() override {
+        // Building the settings on first use configures the trace log from
+        // them; do it first so that it does not undo the level set below.
+        AddinSettings::Current();
         CapturedLines().clear();
         WSCLog::SetDebugSinksForTest(CaptureWide, CaptureNarrow);
         WSCLog::Configure(5, L"");
