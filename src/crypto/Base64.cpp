@@ -117,8 +117,9 @@ std::wstring Base64Encoding(const BYTE* data, DWORD size) {
         WSCLOG(1, L"Base64Encoding size ERROR_INVALID_PARAMETER");
         return result;
     }
+    // The text may carry a key or a password: wiped before it is freed.
     DWORD length = 0;
-    qv::CharBuffer text;
+    qv::SecretChars text;
     if (!EncodedLength(size, &length) || !text.allocate(static_cast<size_t>(length) + 1)) {
         WSCLOG(1, L"Base64Encoding malloc ZEB_ERROR_OUTOFMEMORY");
         return result;
@@ -153,13 +154,15 @@ DWORD Base64Decoding(const std::wstring& text, BYTE** data) {
         return 0;
     }
     DWORD utf8Length = 0;
-    qv::CharBuffer utf8(ConvertWideToMulti(text.c_str(), CP_UTF8, &utf8Length), 0);
+    char* converted = ConvertWideToMulti(text.c_str(), CP_UTF8, &utf8Length);
+    // Both the text and the bytes may be secrets: wiped before they are freed.
+    qv::SecretChars utf8(converted, converted ? utf8Length : 0);
     if (!utf8) {
         WSCLOG(1, L"Base64Decoding malloc ZEB_ERROR_OUTOFMEMORY");
         return 0;
     }
     const DWORD length = static_cast<DWORD>(std::strlen(utf8.get()));
-    qv::ByteBuffer bytes;
+    qv::SecretBytes bytes;
     if (!bytes.allocate(length)) {
         WSCLOG(1, L"Base64Decoding malloc ZEB_ERROR_OUTOFMEMORY");
         return 0;
