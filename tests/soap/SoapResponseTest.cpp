@@ -130,7 +130,7 @@ TEST_F(SoapResponseTest, RecordsAreZeroFilled) {
     ASSERT_EQ(list.size(), 1u);
     AuthInfo expected;
     std::memset(&expected, 0, sizeof(expected));
-    wcscpy(expected.AuthType, L"NTLM");
+    wcscpy_s(expected.AuthType, L"NTLM");
     EXPECT_EQ(std::memcmp(&list[0], &expected, sizeof(AuthInfo)), 0);
 }
 
