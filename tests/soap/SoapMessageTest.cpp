@@ -232,6 +232,19 @@ TEST_F(SoapMessageTest, NoMatchIsAnEmptyNodeButAValueQueryGivesInvalidArgument) 
     EXPECT_EQ(message.GetXMLString(L"soap:Body/t:missing", value), SoapMessage::kInvalidArgument);
 }
 
+TEST_F(SoapMessageTest, UnboundPrefixMatchesNothing) {
+    SoapMessage message;
+    ASSERT_EQ(Load(message, L"<t:v>x</t:v>"), SoapMessage::kOk);
+    qv::ComPtr<IXMLDOMNode> node;
+    EXPECT_EQ(message.GetXMLNode(L"soap:Body/unbound:v", node), SoapMessage::kOk);
+    EXPECT_FALSE(node);
+    qv::ComPtr<IXMLDOMNodeList> nodes;
+    EXPECT_EQ(message.GetXMLNodeList(L"soap:Body/unbound:v", nodes), SoapMessage::kOk);
+    long count = 0;
+    if (nodes) nodes->get_length(&count);
+    EXPECT_EQ(count, 0);
+}
+
 TEST_F(SoapMessageTest, NodeOutputIsClearedBeforeTheQuery) {
     SoapMessage message;
     ASSERT_EQ(Load(message, L"<t:v>x</t:v>"), SoapMessage::kOk);
@@ -336,7 +349,6 @@ TEST_F(SoapMessageTest, ABadSelectionNamespacesValueDoesNotStopTheLoad) {
     SoapMessage message;
     EXPECT_EQ(message.SetXMLData(Envelope(L"<v>x</v>").c_str(), L"this is no declaration"), SoapMessage::kOk);
     EXPECT_TRUE(message.HasDocument());
-    std::wstring value;
     // Unprefixed steps need no binding.
     qv::ComPtr<IXMLDOMNodeList> nodes;
     EXPECT_EQ(message.GetXMLNodeList(L"*", nodes), SoapMessage::kOk);
