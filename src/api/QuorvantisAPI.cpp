@@ -308,6 +308,11 @@ DWORD RunGetAct(CDevice* device, LPCWSTR subject, DWORD actFlags, BYTE** hmacKey
     std::wstring hmacAlgorithm = DecimalText(0);
     std::wstring hmacKeyStrength = DecimalText(0);
     std::wstring hmacKeyText;
+    // The key's Base64 text is as secret as the key: wiped on every way out.
+    struct WipeOnExit {
+        std::wstring& text;
+        ~WipeOnExit() { qv::SecureWipe(text); }
+    } wipeKeyText{hmacKeyText};
     std::wstring publicKeyAlgorithm = DecimalText(0);
     std::wstring publicKeyStrength = DecimalText(0);
     std::wstring publicKey;
@@ -345,7 +350,6 @@ DWORD RunGetAct(CDevice* device, LPCWSTR subject, DWORD actFlags, BYTE** hmacKey
         signatureText.clear();
         result = device->GetACT(subject, actFlags, hmacAlgorithm, hmacKeyStrength, hmacKeyText, publicKeyAlgorithm,
                                 publicKeyStrength, publicKey, &actText, &signatureText);
-        qv::SecureWipe(hmacKeyText);
         if (ZEB_FAILED(result)) {
             ClearActOutputs(hmacKey, hmacKeySize, act, actSize, signature, signatureSize);
             return result;

@@ -211,7 +211,7 @@ Bytes ActBytes(qvtest::RefServerInstance& srv) { return FromBase64(State(srv, "a
 
 TEST_F(FlowTest, Basic2OverHttp) {
     qvtest::RefServerInstance srv(kBasic2Config);
-    Initialize(srv);
+    ASSERT_NO_FATAL_FAILURE(Initialize(srv));
     DWORD handle = 0;
     ASSERT_EQ(Open(&handle), 0u);
     EXPECT_NE(handle, 0u);
@@ -269,7 +269,7 @@ TEST_F(FlowTest, Basic2OverHttp) {
 
 TEST_F(FlowTest, BasicOverHttp) {
     qvtest::RefServerInstance srv(kBasicConfig);
-    Initialize(srv);
+    ASSERT_NO_FATAL_FAILURE(Initialize(srv));
     DWORD handle = 0;
     ASSERT_EQ(Open(&handle), 0u);
     std::vector<AuthInfo> entries;
@@ -291,7 +291,7 @@ TEST_F(FlowTest, BasicOverHttp) {
 
 TEST_F(FlowTest, Basic2AfterARedirectToHttps) {
     qvtest::RefServerInstance srv(kBasic2Config);
-    Initialize(srv);
+    ASSERT_NO_FATAL_FAILURE(Initialize(srv));
     ASSERT_TRUE(srv.AddFaults(R"({"path": ")" + std::string(kPolicyPath) + R"(", "location": "https://127.0.0.1:)" +
                               std::to_string(srv.HttpsPort()) + kPolicyPath + R"("})"));
     DWORD handle = 0;
@@ -318,7 +318,7 @@ TEST_F(FlowTest, Basic2AfterARedirectToHttps) {
 
 TEST_F(FlowTest, BasicAfterARedirectToHttps) {
     qvtest::RefServerInstance srv(kBasicConfig);
-    Initialize(srv);
+    ASSERT_NO_FATAL_FAILURE(Initialize(srv));
     ASSERT_TRUE(srv.AddFaults(R"({"path": ")" + std::string(kPolicyPath) + R"(", "location": "https://127.0.0.1:)" +
                               std::to_string(srv.HttpsPort()) + kPolicyPath + R"("})"));
     DWORD handle = 0;
@@ -328,13 +328,15 @@ TEST_F(FlowTest, BasicAfterARedirectToHttps) {
     EXPECT_EQ(act.signature, HmacSha1(act.key, act.act));
     zeb()->Close(handle);
     for (auto& r : srv.Requests()) {
-        if (r.path != kPolicyPath) EXPECT_TRUE(r.tls) << r.path;
+        if (r.path != kPolicyPath) {
+            EXPECT_TRUE(r.tls) << r.path;
+        }
     }
 }
 
 TEST_F(FlowTest, SslOpenReportsTheSslFlag) {
     qvtest::RefServerInstance srv(kBasic2Config);
-    Initialize(srv);
+    ASSERT_NO_FATAL_FAILURE(Initialize(srv));
     DWORD handle = 0;
     ASSERT_EQ(Open(&handle, ZEB_OPEN_FLAG_SSL), 0u);
     std::vector<AuthInfo> entries;
@@ -347,7 +349,7 @@ TEST_F(FlowTest, SslOpenReportsTheSslFlag) {
 
 TEST_F(FlowTest, ActFlagsAsSeenOnTheWire) {
     qvtest::RefServerInstance srv(kBasic2Config);
-    Initialize(srv);
+    ASSERT_NO_FATAL_FAILURE(Initialize(srv));
     DWORD handle = 0;
     ASSERT_NO_FATAL_FAILURE(OpenAndLogin(srv, &handle, L"Basic2"));
 
@@ -376,7 +378,7 @@ TEST_F(FlowTest, ActFlagsAsSeenOnTheWire) {
 TEST_F(FlowTest, UnsignedActGivesANullSignature) {
     qvtest::RefServerInstance srv(kBasic2Config);
     ASSERT_TRUE(srv.Configure(R"({"sign_act": false})"));
-    Initialize(srv);
+    ASSERT_NO_FATAL_FAILURE(Initialize(srv));
     DWORD handle = 0;
     ASSERT_NO_FATAL_FAILURE(OpenAndLogin(srv, &handle, L"Basic2"));
     ActResult first = GetACT(handle, 0);
@@ -394,7 +396,7 @@ TEST_F(FlowTest, UnsignedActGivesANullSignature) {
 
 TEST_F(FlowTest, LoginFaults) {
     qvtest::RefServerInstance srv(kBasic2Config);
-    Initialize(srv);
+    ASSERT_NO_FATAL_FAILURE(Initialize(srv));
     DWORD handle = 0;
     ASSERT_EQ(Open(&handle), 0u);
     std::vector<AuthInfo> entries;
@@ -413,7 +415,7 @@ TEST_F(FlowTest, LoginFaults) {
 
 TEST_F(FlowTest, CloseWithoutLoginSendsNoCancel) {
     qvtest::RefServerInstance srv(kBasic2Config);
-    Initialize(srv);
+    ASSERT_NO_FATAL_FAILURE(Initialize(srv));
     DWORD handle = 0;
     ASSERT_EQ(Open(&handle), 0u);
     std::vector<AuthInfo> entries;
@@ -426,7 +428,7 @@ TEST_F(FlowTest, CloseWithoutLoginSendsNoCancel) {
 
 TEST_F(FlowTest, CloseCancelsExactlyOnce) {
     qvtest::RefServerInstance srv(kBasic2Config);
-    Initialize(srv);
+    ASSERT_NO_FATAL_FAILURE(Initialize(srv));
     DWORD handle = 0;
     ASSERT_NO_FATAL_FAILURE(OpenAndLogin(srv, &handle, L"Basic2"));
     zeb()->Close(handle);
@@ -440,7 +442,7 @@ TEST_F(FlowTest, CloseCancelsExactlyOnce) {
 
 TEST_F(FlowTest, HandlesGrowByOne) {
     qvtest::RefServerInstance srv(kBasic2Config);
-    Initialize(srv);
+    ASSERT_NO_FATAL_FAILURE(Initialize(srv));
     DWORD a = 0, b = 0;
     ASSERT_EQ(Open(&a), 0u);
     ASSERT_EQ(Open(&b), 0u);
@@ -451,7 +453,7 @@ TEST_F(FlowTest, HandlesGrowByOne) {
 
 TEST_F(FlowTest, SeveralHostThreadsEachWithItsOwnSession) {
     qvtest::RefServerInstance srv(kBasic2Config);
-    Initialize(srv);
+    ASSERT_NO_FATAL_FAILURE(Initialize(srv));
     const int kThreads = 4;
     std::atomic<int> succeeded{0};
     std::vector<std::thread> threads;
@@ -503,7 +505,7 @@ TEST_F(FlowTest, SeveralHostThreadsEachWithItsOwnSession) {
 
 TEST_F(FlowTest, LoginFaultsFromTheServer) {
     qvtest::RefServerInstance srv(kBasic2Config);
-    Initialize(srv);
+    ASSERT_NO_FATAL_FAILURE(Initialize(srv));
     DWORD handle = 0;
     ASSERT_EQ(Open(&handle), 0u);
     std::vector<AuthInfo> entries;
@@ -534,7 +536,7 @@ TEST_F(FlowTest, LoginFaultsFromTheServer) {
 
 TEST_F(FlowTest, AFailedOpenStillUsesUpAHandle) {
     qvtest::RefServerInstance srv(kBasic2Config);
-    Initialize(srv);
+    ASSERT_NO_FATAL_FAILURE(Initialize(srv));
     DWORD before = 0;
     ASSERT_EQ(Open(&before), 0u);
     zeb()->Close(before);
@@ -557,7 +559,7 @@ TEST_F(FlowTest, AFailedOpenStillUsesUpAHandle) {
 
 TEST_F(FlowTest, MtomActExchange) {
     qvtest::RefServerInstance srv(kBasic2Config);
-    Initialize(srv, "EnableMTOM=1\r\n");
+    ASSERT_NO_FATAL_FAILURE(Initialize(srv, "EnableMTOM=1\r\n"));
     DWORD handle = 0;
     ASSERT_NO_FATAL_FAILURE(OpenAndLogin(srv, &handle, L"Basic2"));
     ActResult act = GetACT(handle, 0);
@@ -573,7 +575,8 @@ TEST_F(FlowTest, MtomActExchange) {
     }
     // Only GetACT goes as MTOM; the public key is fetched plainly.
     for (auto& r : srv.Requests()) {
-        if (r.body.find("GetPublicKeyRequest") != std::string::npos)
+        if (r.body.find("GetPublicKeyRequest") != std::string::npos) {
             EXPECT_EQ(r.Header("Content-Type").find("multipart/related"), std::string::npos);
+        }
     }
 }
