@@ -2,17 +2,16 @@
 
 #include <cstdlib>
 #include <cwchar>
-#include <new>
 #include <utility>
 
 #include "Quorvantis.h"
 #include "log/WSCLog.h"
-#include "messages/ParseLib.h"
 #include "soap/Namespaces.h"
 #include "soap/SoapRequest.h"
 #include "soap/SoapResponse.h"
 
 namespace {
+constexpr const wchar_t* kClassName = L"GetACTRequest";
 constexpr const wchar_t* kACTXPath = L"soap:Body/zeb:GetACTResponse/zeb:ACTEntry/zeb:ACTBinary";
 constexpr const wchar_t* kSignatureXPath = L"soap:Body/zeb:GetACTResponse/zeb:ACTEntry/zeb:ACTSignature";
 
@@ -64,41 +63,19 @@ wchar_t* GetACTRequest::DetachSignature() {
 }
 
 DWORD GetACTRequest::Serialize(SoapRequest* request) {
-    WSCLOG(4, L"GetACTRequest::Serialize IN");
-    if (!request) {
-        WSCLOG(1, L"GetACTRequest::Serialize ERROR ERROR_INVALID_PARAMETER = %08x", ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
-    try {
+    return SerializeEnvelope(kClassName, request, BodyText::Plain, [this](Envelope& envelope) {
         // The message identifier names the wsa:Action element (wsu:Id).
         std::wstring messageId;
-        const MessageIdStatus idStatus = NewMessageId(messageId);
-        if (idStatus == MessageIdStatus::CreateFailed) {
-            WSCLOG(1, L"GetACTRequest::Serialize UuidCreate  = %08x", ZEB_FAILURE_MASK);
-            return ZEB_ERROR_OUTOFMEMORY;
-        }
-        if (idStatus == MessageIdStatus::ToStringFailed) {
-            WSCLOG(1, L"GetACTRequest::Serialize UuidToString ERROR_OUTOFMEMORY = %08x", ZEB_ERROR_OUTOFMEMORY);
-            return ZEB_ERROR_OUTOFMEMORY;
-        }
+        const DWORD result = NewMessageIdFor(kClassName, messageId);
+        if (result != 0) return result;
 
         const std::wstring zeb = ns::Zeb();
-        const std::wstring action = zeb + L"/GetACT";
-
-        std::wstring header;
-        header += L"<soap:Header>";
-        header += L"<wsa:Action wsu:Id=\"Action-" + messageId + L"\">";
-        header += action;
-        header += L"</wsa:Action>";
-        header += L"<wsa:To></wsa:To>";
-        header += L"<wsse:Security soap:mustUnderstand=\"1\">";
-        header += m_wstrSecurityHeader;
-        header += L"</wsse:Security>";
-        header += L"</soap:Header>";
+        envelope.action = zeb + L"/GetACT";
+        envelope.header = SecuredHeader(envelope.action, messageId, m_wstrSecurityHeader);
 
         // Only FPName comes from the user; the other values are the module's
         // own and go in unchanged.
-        std::wstring body;
+        std::wstring& body = envelope.body;
         body += L"<soap:Body>";
         body += L"<GetACTRequest xmlns=\"" + zeb + L"\">";
         body += L"<ACTParameter>";
@@ -137,49 +114,17 @@ DWORD GetACTRequest::Serialize(SoapRequest* request) {
         body += L"</ACTParameter>";
         body += L"</GetACTRequest>";
         body += L"</soap:Body>";
-
-        WSCLOG(5, L"GetACTRequest::Serialize Soap Header =%s", header.c_str());
-        WSCLOG(5, L"GetACTRequest::Serialize Soap Body =%s", body.c_str());
-        request->SetSoapHeader(header);
-        request->SetSoapBody(body);
-        request->SetAction(action);
-    } catch (const std::bad_alloc&) {
-        WSCLOG(1, L"GetACTRequest::Serialize ERROR ZEB_ERROR_OUTOFMEMORY = %08x", ZEB_ERROR_OUTOFMEMORY);
-        return ZEB_ERROR_OUTOFMEMORY;
-    }
-    WSCLOG(4, L"GetACTRequest::Serialize OUT");
-    return 0;
+        return DWORD{0};
+    });
 }
 
 DWORD GetACTRequest::Deserialize(SoapResponse* response, const wchar_t* mimeBoundary) {
-    WSCLOG(4, L"GetACTRequest::Deserialize IN");
-    if (!response) {
-        WSCLOG(1, L"GetACTRequest::Deserialize ERROR ERROR_INVALID_PARAMETER = %08x", ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
-    // Checked for presence only: the token is always read as inline text.
-    if (!mimeBoundary) {
-        WSCLOG(1, L"GetACTRequest::Deserialize mimeBoundary ERROR_INVALID_PARAMETER = %08x",
-               ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
-
-    const DWORD result = ParseLib::SoapErrorCheck(response);
-    if (result & ZEB_FAILURE_MASK) {
-        WSCLOG(1, L"GetACTRequest::Deserialize ERROR SoapErrorCheck = %08x", result);
-        return result;
-    }
-
-    try {
-        // A missing element gives an empty text; the client decides what an
-        // empty token means.
+    // The boundary is checked for presence only: the token is always read as
+    // inline text. A missing element gives an empty text; the client decides
+    // what an empty token means.
+    return DeserializeAnswer(kClassName, response, mimeBoundary, L"ERROR", [&]() -> DWORD {
         std::wstring actText;
-        WSCLOG(5, L"GetACTRequest::Deserialize GetXMLDataValue. XPath = %s", kACTXPath);
-        DWORD read = response->GetXMLDataValue(kACTXPath, actText);
-        if (read != 0) {
-            actText.clear();
-            WSCLOG(5, L"GetACTRequest::Deserialize GetXMLDataValue failes. ERROR = 0x%08x", read);
-        }
+        ReadValue(kClassName, response, Read::DataValue, kACTXPath, actText, nullptr);
         WSCLOG(5, L"GetACTRequest::Deserialize GetXMLDataValue. actstr = %s", actText.c_str());
         wchar_t* act = DuplicateText(actText);
         if (!act) {
@@ -195,12 +140,7 @@ DWORD GetACTRequest::Deserialize(SoapResponse* response, const wchar_t* mimeBoun
         WSCLOG(5, L"GetACTRequest::Deserialize ACTBinary Info Data Type = %d", static_cast<int>(m_dwACTDataType));
 
         std::wstring signatureText;
-        WSCLOG(5, L"GetACTRequest::Deserialize GetXMLDataValue. XPath = %s", kSignatureXPath);
-        read = response->GetXMLDataValue(kSignatureXPath, signatureText);
-        if (read != 0) {
-            signatureText.clear();
-            WSCLOG(5, L"GetACTRequest::Deserialize GetXMLDataValue failes. ERROR = 0x%08x", read);
-        }
+        ReadValue(kClassName, response, Read::DataValue, kSignatureXPath, signatureText, nullptr);
         WSCLOG(5, L"GetACTRequest::Deserialize GetXMLDataValue. signaturestr = %s", signatureText.c_str());
         wchar_t* signature = DuplicateText(signatureText);
         if (!signature) {
@@ -216,10 +156,6 @@ DWORD GetACTRequest::Deserialize(SoapResponse* response, const wchar_t* mimeBoun
                static_cast<int>(m_dwSignatureDataSize));
         WSCLOG(5, L"GetACTRequest::Deserialize Signature Info Data Type = %d",
                static_cast<int>(m_dwSignatureDataType));
-    } catch (const std::bad_alloc&) {
-        WSCLOG(1, L"GetACTRequest::Deserialize ERROR ZEB_ERROR_OUTOFMEMORY = %08x", ZEB_ERROR_OUTOFMEMORY);
-        return ZEB_ERROR_OUTOFMEMORY;
-    }
-    WSCLOG(4, L"GetACTRequest::Deserialize OUT");
-    return 0;
+        return 0;
+    });
 }

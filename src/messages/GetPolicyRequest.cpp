@@ -6,12 +6,12 @@
 #include <vector>
 
 #include "log/WSCLog.h"
-#include "messages/ParseLib.h"
 #include "soap/Namespaces.h"
-#include "soap/SoapRequest.h"
 #include "soap/SoapResponse.h"
 
 namespace {
+constexpr const wchar_t* kClassName = L"GetPolicyRequest";
+
 // The policy service's end point. No setting fills it, so the element always
 // goes out empty; the server expects the element all the same.
 const wchar_t* const kWsEndPoint = L"";
@@ -29,60 +29,24 @@ AuthInfo* GetPolicyRequest::DetachAuthInfo() {
 }
 
 DWORD GetPolicyRequest::Serialize(SoapRequest* request) {
-    WSCLOG(4, L"GetPolicyRequest::Serialize IN");
-    if (!request) {
-        WSCLOG(1, L"GetPolicyRequest::Serialize ERROR ERROR_INVALID_PARAMETER = %08x", ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
-    try {
+    return SerializeEnvelope(kClassName, request, BodyText::Plain, [](Envelope& envelope) {
         const std::wstring wls = ns::Wls();
-        const std::wstring action = wls + L"/GetPolicy";
-
-        std::wstring header;
-        header += L"<soap:Header>";
-        header += L"<wsa:Action>" + action + L"</wsa:Action>";
-        header += L"<wsa:To></wsa:To>";
-        header += L"</soap:Header>";
-
-        std::wstring body;
-        body += L"<soap:Body>";
-        body += L"<GetPolicyRequest xmlns=\"" + wls + L"\">";
-        body += L"<WsEndPoint>";
-        body += kWsEndPoint;
-        body += L"</WsEndPoint>";
-        body += L"</GetPolicyRequest>";
-        body += L"</soap:Body>";
-
-        WSCLOG(5, L"GetPolicyRequest::Serialize Soap Header =%s", header.c_str());
-        WSCLOG(5, L"GetPolicyRequest::Serialize Soap Body =%s", body.c_str());
-        request->SetSoapHeader(header);
-        request->SetSoapBody(body);
-        request->SetAction(action);
-    } catch (const std::bad_alloc&) {
-        WSCLOG(1, L"GetPolicyRequest::Serialize ERROR ZEB_ERROR_OUTOFMEMORY = %08x", ZEB_ERROR_OUTOFMEMORY);
-        return ZEB_ERROR_OUTOFMEMORY;
-    }
-    WSCLOG(4, L"GetPolicyRequest::Serialize OUT");
-    return 0;
+        envelope.action = wls + L"/GetPolicy";
+        envelope.header = PlainHeader(envelope.action);
+        envelope.body += L"<soap:Body>";
+        envelope.body += L"<GetPolicyRequest xmlns=\"" + wls + L"\">";
+        envelope.body += L"<WsEndPoint>";
+        envelope.body += kWsEndPoint;
+        envelope.body += L"</WsEndPoint>";
+        envelope.body += L"</GetPolicyRequest>";
+        envelope.body += L"</soap:Body>";
+        return 0;
+    });
 }
 
 DWORD GetPolicyRequest::Deserialize(SoapResponse* response, const wchar_t* mimeBoundary) {
-    WSCLOG(4, L"GetPolicyRequest::Deserialize IN");
-    if (!response) {
-        WSCLOG(1, L"GetPolicyRequest::Deserialize ERROR ERROR_INVALID_PARAMETER = %08x", ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
-    if (!mimeBoundary) {
-        WSCLOG(1, L"GetPolicyRequest::Deserialize mimeBoundary ERROR_INVALID_PARAMETER = %08x",
-               ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
-
-    DWORD result = ParseLib::SoapErrorCheck(response);
-    if (result & ZEB_FAILURE_MASK) {
-        WSCLOG(1, L"GetPolicyRequest::Deserialize ERROR SoapErrorCheck = %08x", result);
-        return result;
-    }
+    DWORD result = CheckAnswer(kClassName, response, mimeBoundary, L"ERROR");
+    if (result != 0) return result;
 
     try {
         std::vector<AuthInfo> list;
