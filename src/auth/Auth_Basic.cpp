@@ -82,18 +82,5 @@ DWORD Auth_Basic::MakeRstData(const AuthCredential* credential, std::wstring* pa
 
 DWORD Auth_Basic::Request(WSRequest* message, const std::wstring& servicePath, USHORT port, USHORT securePort,
                           const std::wstring& address) {
-    WSCLOG(4, L"Auth_Basic::Request IN");
-    if (!message) {
-        WSCLOG(1, L"Auth_Basic::Request PARAMETER ZEB_ERROR = %08x", ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
-    if (!m_pSoapTrans) {
-        WSCLOG(1, L"Auth_Basic::Request ZEB_ERROR_GENERAL_INVALID_INSTANCE ZEB_ERROR = %08x",
-               ZEB_ERROR_GENERAL_INVALID_INSTANCE);
-        return ZEB_ERROR_GENERAL_INVALID_INSTANCE;
-    }
-    DWORD result = qv::ExchangeAuthMessage(m_pSoapTrans, message, servicePath, port, securePort, address);
-    if (result & ZEB_FAILURE_MASK) return result;
-    WSCLOG(4, L"Auth_Basic::Request OUT");
-    return result;
+    return qv::AuthRequestStep(L"Auth_Basic", m_pSoapTrans, message, servicePath, port, securePort, address);
 }

@@ -42,18 +42,5 @@ DWORD Auth_Basic2::Authentication(CSoapTrans* transport, DWORD flags, const Auth
 
 DWORD Auth_Basic2::Request(WSRequest* message, const std::wstring& servicePath, USHORT port, USHORT securePort,
                            const std::wstring& address) {
-    WSCLOG(4, L"Auth_Basic2::Request IN");
-    if (!message) {
-        WSCLOG(1, L"Auth_Basic2::Request PARAMETER ZEB_ERROR = %08x", ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
-    if (!m_pSoapTrans) {
-        WSCLOG(1, L"Auth_Basic2::Request ZEB_ERROR_GENERAL_INVALID_INSTANCE ZEB_ERROR = %08x",
-               ZEB_ERROR_GENERAL_INVALID_INSTANCE);
-        return ZEB_ERROR_GENERAL_INVALID_INSTANCE;
-    }
-    DWORD result = qv::ExchangeAuthMessage(m_pSoapTrans, message, servicePath, port, securePort, address);
-    if (result & ZEB_FAILURE_MASK) return result;
-    WSCLOG(4, L"Auth_Basic2::Request OUT");
-    return result;
+    return qv::AuthRequestStep(L"Auth_Basic2", m_pSoapTrans, message, servicePath, port, securePort, address);
 }

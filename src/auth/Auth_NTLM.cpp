@@ -334,18 +334,5 @@ DWORD Auth_NTLM::GetLogonUserDomain(std::wstring* domain) {
 
 DWORD Auth_NTLM::Request(WSRequest* message, const std::wstring& servicePath, USHORT port, USHORT securePort,
                          const std::wstring& address) {
-    WSCLOG(4, L"Auth_NTLM::Request IN");
-    if (!message) {
-        WSCLOG(1, L"Auth_NTLM::Request PARAMETER ZEB_ERROR = %08x", ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
-    if (!m_pSoapTrans) {
-        WSCLOG(1, L"Auth_NTLM::Request ZEB_ERROR_GENERAL_INVALID_INSTANCE ZEB_ERROR = %08x",
-               ZEB_ERROR_GENERAL_INVALID_INSTANCE);
-        return ZEB_ERROR_GENERAL_INVALID_INSTANCE;
-    }
-    DWORD result = qv::ExchangeAuthMessage(m_pSoapTrans, message, servicePath, port, securePort, address);
-    if (result & ZEB_FAILURE_MASK) return result;
-    WSCLOG(4, L"Auth_NTLM::Request OUT");
-    return result;
+    return qv::AuthRequestStep(L"Auth_NTLM", m_pSoapTrans, message, servicePath, port, securePort, address);
 }

@@ -8,6 +8,7 @@
 #include "auth/Auth_NTLM.h"
 #include "auth/Auth_SDL.h"
 #include "auth/Auth_SDL2.h"
+#include "log/WSCLog.h"
 #include "messages/WSRequest.h"
 #include "soap/SoapRequest.h"
 #include "soap/SoapResponse.h"
@@ -58,6 +59,24 @@ DWORD ExchangeAuthMessage(CSoapTrans* transport, WSRequest* message, const std::
     if (result & ZEB_FAILURE_MASK) return result;
 
     return message->Deserialize(&response, L"");
+}
+
+DWORD AuthRequestStep(const wchar_t* className, CSoapTrans* transport, WSRequest* message,
+                      const std::wstring& servicePath, USHORT port, USHORT securePort, const std::wstring& address) {
+    WSCLOG(4, L"%s::Request IN", className);
+    if (!message) {
+        WSCLOG(1, L"%s::Request PARAMETER ZEB_ERROR = %08x", className, ZEB_ERROR_INVALID_PARAMETER);
+        return ZEB_ERROR_INVALID_PARAMETER;
+    }
+    if (!transport) {
+        WSCLOG(1, L"%s::Request ZEB_ERROR_GENERAL_INVALID_INSTANCE ZEB_ERROR = %08x", className,
+               ZEB_ERROR_GENERAL_INVALID_INSTANCE);
+        return ZEB_ERROR_GENERAL_INVALID_INSTANCE;
+    }
+    DWORD result = ExchangeAuthMessage(transport, message, servicePath, port, securePort, address);
+    if (result & ZEB_FAILURE_MASK) return result;
+    WSCLOG(4, L"%s::Request OUT", className);
+    return result;
 }
 
 std::wstring AuthInfoText(const WCHAR (&field)[64]) {

@@ -37,6 +37,12 @@ namespace qv {
 DWORD ExchangeAuthMessage(CSoapTrans* transport, WSRequest* message, const std::wstring& servicePath,
                           USHORT port, USHORT securePort, const std::wstring& address);
 
+// The Request step of every mechanism, logged under className: a missing
+// message or a mechanism without transport is refused, else
+// ExchangeAuthMessage; OUT is logged when that did not fail.
+DWORD AuthRequestStep(const wchar_t* className, CSoapTrans* transport, WSRequest* message,
+                      const std::wstring& servicePath, USHORT port, USHORT securePort, const std::wstring& address);
+
 // A fixed-size AuthInfo text field as a string, stopping at its terminator or
 // at the end of the field when the host left it unterminated.
 std::wstring AuthInfoText(const WCHAR (&field)[64]);
