@@ -1,26 +1,18 @@
 #include "auth/Auth_SDL2.h"
 
 #include <cstdlib>
-#include <cstring>
 #include <cwchar>
 
+#include "auth/SdlSteps.h"
 #include "common/HeapBuffer.h"
 #include "crypto/Base64.h"
 #include "crypto/KeyCrypter.h"
 #include "log/StringConv.h"
 #include "log/WSCLog.h"
-#include "messages/RSTR_SDL.h"
-#include "messages/RST_SDL.h"
 
 namespace {
 
-// ISO-8859-1: the password digest is taken over these bytes, characters
-// outside it best-fitted by the platform.
-constexpr UINT kPasswordCodePage = 28591;
-
-bool HasPassword(const AuthCredential* credential) {
-    return credential->Password && credential->Password[0] != L'\0';
-}
+constexpr const wchar_t* kClassName = L"Auth_SDL2";
 
 int HexDigitValue(char c) {
     if (c >= '0' && c <= '9') return c - '0';
@@ -49,99 +41,42 @@ DWORD Auth_SDL2::Authentication(CSoapTrans* transport, DWORD flags, const AuthIn
     WSCLOG(4, L"Auth_SDL2::Authentication IN");
     // A user ID longer than kMaxUserIdLength cannot be carried by the answer
     // to the challenge, so it is refused before anything is sent.
-    if (!transport || !authInfo || !credential || !credential->UserID || !assertionId || !samlToken ||
-        !digest || !digestSize || (!(flags & AUTH_FLAG_DIGEST_PASSWORD) && !credential->Password) ||
+    if (!qv::SdlArgumentsGiven(transport, flags, authInfo, credential, assertionId, samlToken, digest, digestSize) ||
         std::wcslen(credential->UserID) > kMaxUserIdLength) {
         WSCLOG(1, L"Auth_SDL2::Authentication PARAMETER ZEB_ERROR = %08x", ZEB_ERROR_INVALID_PARAMETER);
         return ZEB_ERROR_INVALID_PARAMETER;
     }
     m_pSoapTrans = transport;
 
-    std::wstring payload;
-    DWORD result = MakeRstData(credential, &payload);
-    if (result & ZEB_FAILURE_MASK) return result;
-
-    RST_SDL challengeRequest(qv::AuthInfoText(authInfo->Info), qv::AuthInfoText(authInfo->AuthType), payload);
-    result = Request(&challengeRequest, servicePath, port, securePort, address);
-    if (result & ZEB_FAILURE_MASK) return result;
-
-    std::wstring answer;
-    result = MakeRstrData(flags, challengeRequest.m_challenge, credential, &answer, digest, digestSize);
-    if (result & ZEB_FAILURE_MASK) return result;
-
-    RSTR_SDL challengeAnswer(answer, challengeRequest.m_context);
-    result = Request(&challengeAnswer, servicePath, port, securePort, address);
-    if (result & ZEB_FAILURE_MASK) {
-        qv::FreeSecret(*digest, *digestSize);
-        *digest = nullptr;
-        *digestSize = 0;
-        return result;
-    }
-
-    *assertionId = challengeAnswer.m_assertionID;
-    *samlToken = challengeAnswer.m_samlToken;
-    WSCLOG(4, L"Auth_SDL2::Authentication OUT");
-    return 0;
+    qv::SdlLoginSteps steps;
+    steps.makeRstData = [&](std::wstring* payload) { return MakeRstData(credential, payload); };
+    steps.makeRstrData = [&](const std::wstring& challenge, std::wstring* answer) {
+        return MakeRstrData(flags, challenge, credential, answer, digest, digestSize);
+    };
+    steps.request = [&](WSRequest* message) { return Request(message, servicePath, port, securePort, address); };
+    return qv::RunSdlLogin(kClassName, authInfo, steps, assertionId, samlToken, digest, digestSize);
 }
 
 DWORD Auth_SDL2::MakeRstData(const AuthCredential* credential, std::wstring* payload) {
-    WSCLOG(4, L"Auth_SDL2::MakeRstData IN");
-    if (!credential || !credential->UserID || !payload) {
-        // The method name in this text is the one the log has always shown.
-        WSCLOG(1, L"Auth_SDL2::Request PARAMETER ZEB_ERROR = %08x", ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
-
-    std::wstring text = std::wstring(L"SDLChallengeRequest") + credential->UserID;
-    DWORD utf8Length = 0;
-    qv::CharBuffer utf8;
-    utf8.reset(ConvertWideToMulti(text.c_str(), CP_UTF8, &utf8Length), utf8Length);
-    if (!utf8) {
-        WSCLOG(1, L"Auth_SDL2::MakeRstData ConvertWideToMulti ZEB_ERROR = %08x", ZEB_ERROR_OUTOFMEMORY);
-        return ZEB_ERROR_OUTOFMEMORY;
-    }
-
-    *payload = Base64Encoding(reinterpret_cast<const BYTE*>(utf8.get()), utf8Length);
-    if (payload->empty()) {
-        WSCLOG(1, L"Auth_SDL2::MakeRstData Base64Encoding ChallengeReqBuf ZEB_ERROR = %08x", ZEB_ERROR_OUTOFMEMORY);
-        return ZEB_ERROR_OUTOFMEMORY;
-    }
-    WSCLOG(4, L"Auth_SDL2::MakeRstData OUT");
-    return 0;
+    return qv::MakeSdlRstData(kClassName, credential, payload);
 }
 
 DWORD Auth_SDL2::MakePasswordDigest(DWORD flags, const AuthCredential* credential, BYTE** digest,
                                     DWORD* digestSize) {
-    WSCLOG(4, L"Auth_SDL2::MakePasswordDigest IN");
-    if (!credential || !digest || !digestSize ||
-        (!(flags & AUTH_FLAG_DIGEST_PASSWORD) && !credential->Password)) {
-        WSCLOG(1, L"Auth_SDL2::MakePasswordDigest PARAMETER ZEB_ERROR = %08x", ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
+    DWORD result = qv::BeginPasswordDigest(kClassName, flags, credential, digest && digestSize);
+    if (result != 0) return result;
     *digest = nullptr;
     *digestSize = 0;
 
-    DWORD result = 0;
+    qv::SecretChars text;
+    DWORD textLength = 0;
+    result = qv::PasswordFieldBytes(kClassName, flags, credential, text, &textLength);
+    if (result != 0) return result;
     if (flags & AUTH_FLAG_DIGEST_PASSWORD) {
         // The password field holds the hex digest an earlier login returned.
-        DWORD utf8Length = 0;
-        qv::SecretChars storedDigest;
-        storedDigest.reset(ConvertWideToMulti(credential->Password, CP_UTF8, &utf8Length), utf8Length);
-        if (!storedDigest) {
-            WSCLOG(1, L"Auth_SDL2::MakePasswordDigest ConvertWideToMulti ZEB_ERROR = %08x", ZEB_ERROR_OUTOFMEMORY);
-            return ZEB_ERROR_OUTOFMEMORY;
-        }
-        result = ToByteArray(storedDigest.get(), static_cast<DWORD>(lstrlenW(credential->Password)), digest,
-                             digestSize);
+        result = ToByteArray(text.get(), static_cast<DWORD>(lstrlenW(credential->Password)), digest, digestSize);
     } else {
-        DWORD passwordLength = 0;
-        qv::SecretChars password;
-        password.reset(ConvertWideToMulti(credential->Password, kPasswordCodePage, &passwordLength), passwordLength);
-        if (!password) {
-            WSCLOG(1, L"Auth_SDL2::MakePasswordDigest ConvertWideToMulti ZEB_ERROR = %08x", ZEB_ERROR_OUTOFMEMORY);
-            return ZEB_ERROR_OUTOFMEMORY;
-        }
-        result = MakeMD5(reinterpret_cast<const BYTE*>(password.get()), passwordLength, digest, digestSize);
+        result = MakeMD5(reinterpret_cast<const BYTE*>(text.get()), textLength, digest, digestSize);
     }
     if (result & ZEB_FAILURE_MASK) return result;
     WSCLOG(4, L"Auth_SDL2::MakePasswordDigest OUT");
@@ -156,27 +91,10 @@ DWORD Auth_SDL2::MakeMD5(const BYTE* data, DWORD size, BYTE** digest, DWORD* dig
     }
     *digest = nullptr;
     *digestSize = 0;
-
+    // The crypter lives to the end of the step, as its release is logged.
     KeyCrypter crypter;
-    DWORD result = crypter.Initialize(CALG_MD5, 0);
-    if (result & ZEB_FAILURE_MASK) {
-        WSCLOG(1, L"Auth_SDL2::MakeMD5 KeyCrypter.Initialize ZEB_ERROR = %08x", result);
-        return result;
-    }
-    result = crypter.GetHashData(data, size, digest, digestSize);
-    if (result & ZEB_FAILURE_MASK) {
-        WSCLOG(1, L"Auth_SDL2::MakeMD5 KeyCrypter.GetHashData ZEB_ERROR = %08x", result);
-        crypter.Clear();
-        return result;
-    }
-    result = crypter.Clear();
-    if (result & ZEB_FAILURE_MASK) {
-        WSCLOG(1, L"Auth_SDL2::MakeMD5 KeyCrypter.Clear ZEB_ERROR = %08x", result);
-        qv::FreeSecret(*digest, *digestSize);
-        *digest = nullptr;
-        *digestSize = 0;
-        return result;
-    }
+    DWORD result = qv::HashMD5(kClassName, crypter, data, size, digest, digestSize);
+    if (result & ZEB_FAILURE_MASK) return result;
     WSCLOG(4, L"Auth_SDL2::MakeMD5 OUT");
     return 0;
 }
@@ -242,28 +160,16 @@ DWORD Auth_SDL2::MakeChallengeResponseData(const wchar_t* userId, const BYTE* di
 
 DWORD Auth_SDL2::MakeRstrData(DWORD flags, const std::wstring& challenge, const AuthCredential* credential,
                               std::wstring* payload, BYTE** returnDigest, DWORD* returnDigestSize) {
-    WSCLOG(4, L"Auth_SDL2::MakeRstrData IN");
-    if (!credential || !payload || !returnDigest || !returnDigestSize ||
-        (!(flags & AUTH_FLAG_DIGEST_PASSWORD) && !credential->Password)) {
-        WSCLOG(1, L"Auth_SDL2::MakeRstrData PARAMETER ZEB_ERROR = %08x", ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
-    *returnDigest = nullptr;
-    *returnDigestSize = 0;
-
-    BYTE* challengeRaw = nullptr;
-    DWORD challengeSize = Base64Decoding(challenge, &challengeRaw);
-    qv::ByteBuffer challengeBytes(challengeRaw, challengeSize);
-    if (challengeSize == 0 || !challengeBytes) {
-        WSCLOG(1, L"Auth_SDL2::MakeRstrData Base64Decoding challenge ZEB_ERROR = %08x", ZEB_ERROR_OUTOFMEMORY);
-        return ZEB_ERROR_OUTOFMEMORY;
-    }
+    qv::ByteBuffer challengeBytes;
+    DWORD result = qv::BeginSdlRstrData(kClassName, flags, challenge, credential, payload, returnDigest,
+                                        returnDigestSize, challengeBytes);
+    if (result != 0) return result;
 
     qv::SecretBytes digest;
-    if (HasPassword(credential)) {
+    if (qv::HasPassword(credential)) {
         BYTE* digestRaw = nullptr;
         DWORD digestSize = 0;
-        DWORD result = MakePasswordDigest(flags, credential, &digestRaw, &digestSize);
+        result = MakePasswordDigest(flags, credential, &digestRaw, &digestSize);
         digest.reset(digestRaw, digestSize);
         if (result & ZEB_FAILURE_MASK) return result;
         // A caller that logged in with a stored digest already holds it.
@@ -274,16 +180,9 @@ DWORD Auth_SDL2::MakeRstrData(DWORD flags, const std::wstring& challenge, const 
         }
     }
 
-    DWORD result = MakeChallengeResponseData(credential->UserID, digest.get(), static_cast<DWORD>(digest.bytes()),
-                                             challengeBytes.get(), challengeSize, payload);
-    if (result & ZEB_FAILURE_MASK) {
-        qv::FreeSecret(*returnDigest, *returnDigestSize);
-        *returnDigest = nullptr;
-        *returnDigestSize = 0;
-        return result;
-    }
-    WSCLOG(4, L"Auth_SDL2::MakeRstrData OUT");
-    return 0;
+    result = MakeChallengeResponseData(credential->UserID, digest.get(), static_cast<DWORD>(digest.bytes()),
+                                       challengeBytes.get(), static_cast<DWORD>(challengeBytes.bytes()), payload);
+    return qv::EndSdlRstrData(kClassName, result, returnDigest, returnDigestSize);
 }
 
 DWORD Auth_SDL2::ToHexString(const BYTE* data, DWORD size, char** text, DWORD* textSize) {
@@ -294,15 +193,10 @@ DWORD Auth_SDL2::ToHexString(const BYTE* data, DWORD size, char** text, DWORD* t
     }
     *text = nullptr;
     *textSize = 0;
-    auto* hex = static_cast<char*>(std::calloc(static_cast<size_t>(size) * 2 + 1, 1));
+    char* hex = qv::HexText(data, size);
     if (!hex) {
         WSCLOG(1, L"Auth_SDL2::ToHexString malloc ZEB_ERROR = %08x", ZEB_ERROR_OUTOFMEMORY);
         return ZEB_ERROR_OUTOFMEMORY;
-    }
-    static const char kHexDigits[] = "0123456789abcdef";
-    for (DWORD i = 0; i < size; ++i) {
-        hex[2 * i] = kHexDigits[data[i] >> 4];
-        hex[2 * i + 1] = kHexDigits[data[i] & 0x0F];
     }
     *text = hex;
     *textSize = size * 2;
@@ -353,40 +247,21 @@ DWORD Auth_SDL2::MakeReturnDigest(const BYTE* digest, DWORD size, BYTE** wideTex
     qv::SecretChars hex(hexRaw, hexLength + 1);
     if (result & ZEB_FAILURE_MASK) return result;
 
-    wchar_t* wideRaw = ConvertMultiToWide(hex.get());
-    size_t textBytes = static_cast<size_t>(hexLength) * sizeof(wchar_t) + sizeof(wchar_t);
-    qv::SecretWide wide(wideRaw, textBytes);
-    if (!wide) {
-        WSCLOG(1, L"Auth_SDL2::MakeReturnDigest ConvertMultiToWide ZEB_ERROR = %08x", ZEB_ERROR_OUTOFMEMORY);
-        return ZEB_ERROR_OUTOFMEMORY;
+    switch (qv::MakeHostDigest(hex.get(), hexLength, wideText, byteSize)) {
+        case qv::HostDigestStatus::ConvertFailed:
+            WSCLOG(1, L"Auth_SDL2::MakeReturnDigest ConvertMultiToWide ZEB_ERROR = %08x", ZEB_ERROR_OUTOFMEMORY);
+            return ZEB_ERROR_OUTOFMEMORY;
+        case qv::HostDigestStatus::AllocFailed:
+            WSCLOG(1, L"Auth_SDL2::MakeReturnDigest malloc ReturnDigest ZEB_ERROR = %08x", ZEB_ERROR_OUTOFMEMORY);
+            return ZEB_ERROR_OUTOFMEMORY;
+        case qv::HostDigestStatus::Ok:
+            break;
     }
-    // The host frees this buffer with free(); it gets a block of its own.
-    auto* buffer = static_cast<BYTE*>(std::calloc(textBytes, 1));
-    if (!buffer) {
-        WSCLOG(1, L"Auth_SDL2::MakeReturnDigest malloc ReturnDigest ZEB_ERROR = %08x", ZEB_ERROR_OUTOFMEMORY);
-        return ZEB_ERROR_OUTOFMEMORY;
-    }
-    std::memcpy(buffer, wide.get(), textBytes - sizeof(wchar_t));
-    *wideText = buffer;
-    *byteSize = static_cast<DWORD>(textBytes);
     WSCLOG(4, L"Auth_SDL2::MakeReturnDigest OUT");
     return 0;
 }
 
 DWORD Auth_SDL2::Request(WSRequest* message, const std::wstring& servicePath, USHORT port, USHORT securePort,
                          const std::wstring& address) {
-    WSCLOG(4, L"Auth_SDL2::Request IN");
-    if (!message) {
-        WSCLOG(1, L"Auth_SDL2::Request PARAMETER ZEB_ERROR = %08x", ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
-    if (!m_pSoapTrans) {
-        WSCLOG(1, L"Auth_SDL2::Request ZEB_ERROR_GENERAL_INVALID_INSTANCE ZEB_ERROR = %08x",
-               ZEB_ERROR_GENERAL_INVALID_INSTANCE);
-        return ZEB_ERROR_GENERAL_INVALID_INSTANCE;
-    }
-    DWORD result = qv::ExchangeAuthMessage(m_pSoapTrans, message, servicePath, port, securePort, address);
-    if (result & ZEB_FAILURE_MASK) return result;
-    WSCLOG(4, L"Auth_SDL2::Request OUT");
-    return result;
+    return qv::AuthRequestStep(L"Auth_SDL2", m_pSoapTrans, message, servicePath, port, securePort, address);
 }
