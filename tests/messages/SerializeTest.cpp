@@ -36,6 +36,35 @@ const std::wstring kRstStart =
 
 const std::wstring kSecurityHeader = L"<saml:Assertion AssertionID=\"_a1\">x</saml:Assertion>";
 
+// Serializes an issue request and checks its header, its body (kRstStart,
+// then authInfoAndData, then the closing tags) and its action.
+void ExpectIssueRequest(WSRequest& message, const std::wstring& authInfoAndData) {
+    auto request = NewRequest();
+    ASSERT_EQ(message.Serialize(request.get()), 0u);
+    EXPECT_EQ(request->GetSoapHeader(), kIssueHeader);
+    EXPECT_EQ(request->GetSoapBody(), kRstStart + authInfoAndData + L"</wst:RequestSecurityToken></soap:Body>");
+    EXPECT_EQ(request->GetAction(), L"http://schemas.xmlsoap.org/ws/2005/02/trust/RST/Issue");
+}
+
+// Serializes an answer to a challenge and checks its header, its body (the
+// opening tag ends with attributes) and its action.
+void ExpectIssueResponse(WSRequest& message, const std::wstring& attributes, const std::wstring& data) {
+    auto request = NewRequest();
+    ASSERT_EQ(message.Serialize(request.get()), 0u);
+    EXPECT_EQ(request->GetSoapHeader(),
+              L"<soap:Header><wsa:Action>http://schemas.xmlsoap.org/ws/2005/02/trust/RSTR/Issue</wsa:Action>"
+              L"<wsa:To></wsa:To></soap:Header>");
+    EXPECT_EQ(request->GetSoapBody(),
+              L"<soap:Body><wst:RequestSecurityTokenResponse xmlns:wst=\"http://schemas.xmlsoap.org/ws/2005/02/trust\" "
+              L"xmlns:wsse=\"http://docs.oasis-open.org/wss/2004/01/oasis-200401-wss-wssecurity-secext-1.0.xsd\" " +
+                  attributes +
+                  L">"
+                  L"<wst:RequestType>http://schemas.xmlsoap.org/ws/2005/02/trust/Issue</wst:RequestType>"
+                  L"<wls:AuthenticationData>" +
+                  data + L"</wls:AuthenticationData></wst:RequestSecurityTokenResponse></soap:Body>");
+    EXPECT_EQ(request->GetAction(), L"http://schemas.xmlsoap.org/ws/2005/02/trust/RSTR/Issue");
+}
+
 // The 36-character lower-case UUID after wsu:Id="Action-, or "" when absent.
 std::wstring MessageId(const std::wstring& header) {
     const std::wstring marker = L"<wsa:Action wsu:Id=\"Action-";
@@ -146,92 +175,44 @@ TEST(MessageSerialize, GetACTRequestEmptyCipherDataIsSelfClosing) {
 }
 
 TEST(MessageSerialize, RST_BasicText) {
-    auto request = NewRequest();
     RST_Basic message(L"DOM", L"Basic", L"dXNlcjpwYXNz");
-    ASSERT_EQ(message.Serialize(request.get()), 0u);
-    EXPECT_EQ(request->GetSoapHeader(), kIssueHeader);
-    EXPECT_EQ(request->GetSoapBody(),
-              kRstStart +
-                  L"<wls:AuthInfo><wls:Info>DOM</wls:Info><wls:AuthType>Basic</wls:AuthType></wls:AuthInfo>"
-                  L"<wls:AuthenticationData>dXNlcjpwYXNz</wls:AuthenticationData>"
-                  L"</wst:RequestSecurityToken></soap:Body>");
-    EXPECT_EQ(request->GetAction(), L"http://schemas.xmlsoap.org/ws/2005/02/trust/RST/Issue");
+    ExpectIssueRequest(message,
+                       L"<wls:AuthInfo><wls:Info>DOM</wls:Info><wls:AuthType>Basic</wls:AuthType></wls:AuthInfo>"
+                       L"<wls:AuthenticationData>dXNlcjpwYXNz</wls:AuthenticationData>");
 }
 
 TEST(MessageSerialize, RST_Basic2Text) {
-    auto request = NewRequest();
     wchar_t user[] = L"alice", password[] = L"secret", domain[] = L"DOM";
     AuthCredential credential = {user, password, domain};
     RST_Basic2 message(L"DOM", L"Basic2", &credential);
-    ASSERT_EQ(message.Serialize(request.get()), 0u);
-    EXPECT_EQ(request->GetSoapHeader(), kIssueHeader);
-    EXPECT_EQ(request->GetSoapBody(),
-              kRstStart +
-                  L"<wls:AuthInfo><wls:Info>DOM</wls:Info><wls:AuthType>Basic2</wls:AuthType></wls:AuthInfo>"
-                  L"<wls:BasicAuthenticationData><wls:Id>alice</wls:Id><wls:Password>secret</wls:Password>"
-                  L"<wls:Domain>DOM</wls:Domain></wls:BasicAuthenticationData>"
-                  L"</wst:RequestSecurityToken></soap:Body>");
-    EXPECT_EQ(request->GetAction(), L"http://schemas.xmlsoap.org/ws/2005/02/trust/RST/Issue");
+    ExpectIssueRequest(message,
+                       L"<wls:AuthInfo><wls:Info>DOM</wls:Info><wls:AuthType>Basic2</wls:AuthType></wls:AuthInfo>"
+                       L"<wls:BasicAuthenticationData><wls:Id>alice</wls:Id><wls:Password>secret</wls:Password>"
+                       L"<wls:Domain>DOM</wls:Domain></wls:BasicAuthenticationData>");
 }
 
 TEST(MessageSerialize, RST_NTLMText) {
-    auto request = NewRequest();
     RST_NTLM message(L"DOM", L"NTLM", L"TlRMTVNTUAAB");
-    ASSERT_EQ(message.Serialize(request.get()), 0u);
-    EXPECT_EQ(request->GetSoapHeader(), kIssueHeader);
-    EXPECT_EQ(request->GetSoapBody(),
-              kRstStart +
-                  L"<wls:AuthInfo><wls:Info>DOM</wls:Info><wls:AuthType>NTLM</wls:AuthType></wls:AuthInfo>"
-                  L"<wls:AuthenticationData>TlRMTVNTUAAB</wls:AuthenticationData>"
-                  L"</wst:RequestSecurityToken></soap:Body>");
-    EXPECT_EQ(request->GetAction(), L"http://schemas.xmlsoap.org/ws/2005/02/trust/RST/Issue");
+    ExpectIssueRequest(message,
+                       L"<wls:AuthInfo><wls:Info>DOM</wls:Info><wls:AuthType>NTLM</wls:AuthType></wls:AuthInfo>"
+                       L"<wls:AuthenticationData>TlRMTVNTUAAB</wls:AuthenticationData>");
 }
 
 TEST(MessageSerialize, RST_SDLText) {
-    auto request = NewRequest();
     RST_SDL message(L"policy-info", L"SDL2", L"first");
-    ASSERT_EQ(message.Serialize(request.get()), 0u);
-    EXPECT_EQ(request->GetSoapHeader(), kIssueHeader);
-    EXPECT_EQ(request->GetSoapBody(),
-              kRstStart +
-                  L"<wls:AuthInfo><wls:Info>policy-info</wls:Info><wls:AuthType>SDL2</wls:AuthType></wls:AuthInfo>"
-                  L"<wls:AuthenticationData>first</wls:AuthenticationData>"
-                  L"</wst:RequestSecurityToken></soap:Body>");
-    EXPECT_EQ(request->GetAction(), L"http://schemas.xmlsoap.org/ws/2005/02/trust/RST/Issue");
+    ExpectIssueRequest(message,
+                       L"<wls:AuthInfo><wls:Info>policy-info</wls:Info><wls:AuthType>SDL2</wls:AuthType></wls:AuthInfo>"
+                       L"<wls:AuthenticationData>first</wls:AuthenticationData>");
 }
 
 TEST(MessageSerialize, RSTR_SDLTextDeclaresWlsBeforeTheContext) {
-    auto request = NewRequest();
     RSTR_SDL message(L"digest", L"ctx-1");
-    ASSERT_EQ(message.Serialize(request.get()), 0u);
-    EXPECT_EQ(request->GetSoapHeader(),
-              L"<soap:Header><wsa:Action>http://schemas.xmlsoap.org/ws/2005/02/trust/RSTR/Issue</wsa:Action>"
-              L"<wsa:To></wsa:To></soap:Header>");
-    EXPECT_EQ(request->GetSoapBody(),
-              L"<soap:Body><wst:RequestSecurityTokenResponse xmlns:wst=\"http://schemas.xmlsoap.org/ws/2005/02/trust\" "
-              L"xmlns:wsse=\"http://docs.oasis-open.org/wss/2004/01/oasis-200401-wss-wssecurity-secext-1.0.xsd\" "
-              L"xmlns:wls=\"urn:orvel:zeb:wls\" wst:Context=\"ctx-1\">"
-              L"<wst:RequestType>http://schemas.xmlsoap.org/ws/2005/02/trust/Issue</wst:RequestType>"
-              L"<wls:AuthenticationData>digest</wls:AuthenticationData>"
-              L"</wst:RequestSecurityTokenResponse></soap:Body>");
-    EXPECT_EQ(request->GetAction(), L"http://schemas.xmlsoap.org/ws/2005/02/trust/RSTR/Issue");
+    ExpectIssueResponse(message, L"xmlns:wls=\"urn:orvel:zeb:wls\" wst:Context=\"ctx-1\"", L"digest");
 }
 
 TEST(MessageSerialize, RSTR_NTLMTextDeclaresWlsAfterTheContext) {
-    auto request = NewRequest();
     RSTR_NTLM message(L"TlRMTVNTUAAD", L"ctx-1");
-    ASSERT_EQ(message.Serialize(request.get()), 0u);
-    EXPECT_EQ(request->GetSoapHeader(),
-              L"<soap:Header><wsa:Action>http://schemas.xmlsoap.org/ws/2005/02/trust/RSTR/Issue</wsa:Action>"
-              L"<wsa:To></wsa:To></soap:Header>");
-    EXPECT_EQ(request->GetSoapBody(),
-              L"<soap:Body><wst:RequestSecurityTokenResponse xmlns:wst=\"http://schemas.xmlsoap.org/ws/2005/02/trust\" "
-              L"xmlns:wsse=\"http://docs.oasis-open.org/wss/2004/01/oasis-200401-wss-wssecurity-secext-1.0.xsd\" "
-              L"wst:Context=\"ctx-1\" xmlns:wls=\"urn:orvel:zeb:wls\">"
-              L"<wst:RequestType>http://schemas.xmlsoap.org/ws/2005/02/trust/Issue</wst:RequestType>"
-              L"<wls:AuthenticationData>TlRMTVNTUAAD</wls:AuthenticationData>"
-              L"</wst:RequestSecurityTokenResponse></soap:Body>");
-    EXPECT_EQ(request->GetAction(), L"http://schemas.xmlsoap.org/ws/2005/02/trust/RSTR/Issue");
+    ExpectIssueResponse(message, L"wst:Context=\"ctx-1\" xmlns:wls=\"urn:orvel:zeb:wls\"", L"TlRMTVNTUAAD");
 }
 
 TEST(MessageSerialize, CancelRequestText) {
