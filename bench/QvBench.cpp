@@ -10,6 +10,7 @@
 #include <psapi.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -46,6 +47,31 @@ struct Options {
 };
 
 std::string Narrow(const std::wstring& w) { return std::string(w.begin(), w.end()); }
+
+std::string ProcessorName() {
+    char name[128] = {};
+    DWORD size = sizeof(name) - 1;
+    if (RegGetValueA(HKEY_LOCAL_MACHINE, "HARDWARE\\DESCRIPTION\\System\\CentralProcessor\\0", "ProcessorNameString",
+                     RRF_RT_REG_SZ, nullptr, name, &size) != ERROR_SUCCESS)
+        return "unknown processor";
+    std::string text = name;
+    while (!text.empty() && text.back() == ' ') text.pop_back();
+    return text;
+}
+
+// "Wine <version>" when running under Wine, else the Windows build.
+std::string PlatformName() {
+    using WineVersion = const char*(CDECL*)();
+    HMODULE ntdll = GetModuleHandleW(L"ntdll.dll");
+    auto wine = ntdll ? reinterpret_cast<WineVersion>(GetProcAddress(ntdll, "wine_get_version")) : nullptr;
+    if (wine) return std::string("Wine ") + wine();
+    OSVERSIONINFOW version = {sizeof(version)};
+    using RtlGetVersionFn = LONG(WINAPI*)(OSVERSIONINFOW*);
+    auto rtl = ntdll ? reinterpret_cast<RtlGetVersionFn>(GetProcAddress(ntdll, "RtlGetVersion")) : nullptr;
+    if (rtl) rtl(&version);
+    return "Windows " + std::to_string(version.dwMajorVersion) + "." + std::to_string(version.dwMinorVersion) + "." +
+           std::to_string(version.dwBuildNumber);
+}
 
 double Now() {
     static LARGE_INTEGER frequency = [] {
@@ -209,18 +235,45 @@ std::wstring WriteIni(const qvtest::TempDir& dir, const wchar_t* name, int port,
     return path;
 }
 
-// Raw floor of one operation: the captured envelopes it sends, posted in order.
-Stats Floor(int iterations, RawWinHttp& raw, const std::vector<CapturedRequest>& requests, CannedResponder* responder) {
-    for (const CapturedRequest& r : requests)
-        if (r.body.empty()) return Stats{};
-    return Measure(
+// One envelope of an operation, with the marker that finds it again.
+struct FloorRequest {
+    const char* marker;
+    CapturedRequest request;
+};
+
+// Whether the raw floor sent what the add-in sent: the same request line,
+// header lines and body bytes (the responder kept the floor's last copy).
+bool SameBytes(const CapturedRequest& addin, const CapturedRequest& floor) {
+    return !addin.body.empty() && addin.head == floor.head && addin.body == floor.body;
+}
+
+// Raw floor of one operation: the captured envelopes it sends, posted in
+// order. With a responder, afterwards checks that the floor's requests were
+// byte-identical to the add-in's and says so when they were not.
+Stats Floor(int iterations, RawWinHttp& raw, const std::vector<FloorRequest>& requests, CannedResponder* responder) {
+    for (const FloorRequest& r : requests)
+        if (r.request.body.empty()) {
+            std::printf("  (no captured request for %s)\n", r.marker);
+            return Stats{};
+        }
+    Stats stats = Measure(
         iterations,
         [&] {
-            for (const CapturedRequest& r : requests)
-                if (!raw.Post(std::wstring(r.path.begin(), r.path.end()), r.contentType, r.body)) return false;
+            for (const FloorRequest& r : requests)
+                if (!raw.Post(std::wstring(r.request.path.begin(), r.request.path.end()), r.request.contentType,
+                              r.request.body))
+                    return false;
             return true;
         },
         responder);
+    if (responder)
+        for (const FloorRequest& r : requests)
+            if (!SameBytes(r.request, responder->Captured(r.marker))) {
+                std::printf("  floor request for %s differs from the add-in's:\n--- add-in\n%s\n--- floor\n%s\n",
+                            r.marker, r.request.head.c_str(), responder->Captured(r.marker).head.c_str());
+                stats.ok = false;
+            }
+    return stats;
 }
 
 std::vector<CannedAnswer> CannedAnswers() {
@@ -261,23 +314,23 @@ void RunLatency(const Options& options, CannedResponder& canned, const ZEB_INTER
                     act = canned.Captured(kActMarker);
 
     char name[64];
-    Stats floorPolicy = Floor(options.iterations, raw, {policy}, &canned);
+    Stats floorPolicy = Floor(options.iterations, raw, {{kPolicyMarker, policy}}, &canned);
     std::snprintf(name, sizeof(name), "GetPolicy (%s)", mode);
     PrintRow(name, "canned", Measure(options.iterations, [&] { return GetPolicyOnce(zeb, handle); }, &canned),
              &floorPolicy);
 
-    Stats floorBasic2 = Floor(options.iterations, raw, {basic2}, &canned);
+    Stats floorBasic2 = Floor(options.iterations, raw, {{kBasic2Marker, basic2}}, &canned);
     std::snprintf(name, sizeof(name), "Authentication Basic2 (%s)", mode);
     PrintRow(name, "canned",
              Measure(options.iterations, [&] { return AuthenticateOnce(zeb, handle, L"Basic2"); }, &canned),
              &floorBasic2);
 
-    Stats floorSdl2 = Floor(options.iterations, raw, {sdl2, rstr}, &canned);
+    Stats floorSdl2 = Floor(options.iterations, raw, {{kSdl2Marker, sdl2}, {kRstrMarker, rstr}}, &canned);
     std::snprintf(name, sizeof(name), "Authentication SDL2 (%s)", mode);
     PrintRow(name, "canned", Measure(options.iterations, [&] { return AuthenticateOnce(zeb, handle, L"SDL2"); }, &canned),
              &floorSdl2);
 
-    Stats floorAct = Floor(options.iterations, raw, {act}, &canned);
+    Stats floorAct = Floor(options.iterations, raw, {{kActMarker, act}}, &canned);
     std::snprintf(name, sizeof(name), "GetACT, key held (%s)", mode);
     PrintRow(name, "canned", Measure(options.iterations, [&] { return GetActOnce(zeb, handle); }, &canned), &floorAct);
     zeb->Close(handle);
@@ -299,60 +352,158 @@ void RunLatency(const Options& options, CannedResponder& canned, const ZEB_INTER
              Measure(options.iterations / 3, [&] { return WholeFlowOnce(zeb, L"127.0.0.1", 0); }, &canned), &floorFlow);
 }
 
+// Samples of one variant gathered over several rounds.
+struct Samples {
+    std::vector<double> wall;
+    ULONGLONG cpu = 0;
+    int ops = 0;
+    bool ok = true;
+    Stats ToStats() const {
+        Stats stats;
+        if (!ok || wall.empty()) return stats;
+        std::vector<double> sorted = wall;
+        std::sort(sorted.begin(), sorted.end());
+        stats.medianMs = sorted[sorted.size() / 2];
+        stats.p99Ms = sorted[static_cast<size_t>(std::ceil(0.99 * static_cast<double>(sorted.size()))) - 1];
+        stats.cpuMs = static_cast<double>(cpu) / 10000.0 / ops;
+        stats.ok = true;
+        return stats;
+    }
+};
+
+// `count` operations into `samples`; client CPU as in Measure.
+void Sample(int count, const std::function<bool()>& op, CannedResponder* responder, Samples& samples) {
+    ULONGLONG cpu0 = ProcessCpu() - (responder ? responder->CpuTime() : 0);
+    for (int i = 0; i < count && samples.ok; ++i) {
+        double t0 = Now();
+        if (!op()) samples.ok = false;
+        samples.wall.push_back(Now() - t0);
+    }
+    ULONGLONG cpu1 = ProcessCpu() - (responder ? responder->CpuTime() : 0);
+    samples.cpu += cpu1 - cpu0;
+    samples.ops += count;
+}
+
 void RunTracing(const Options& options, CannedResponder& canned, const qvtest::TempDir& dir) {
     std::printf("\nTracing cost, GetACT with the key held (new-conn), server canned\n");
     SetKeepAlive(false);
-    struct Variant {
-        const wchar_t* dll;
-        int level;
-        bool file;
-        const char* label;
-    };
-    const Variant variants[] = {
-        {L"Quorvantis_notrace.dll", 0, false, "no trace call sites (build)"},
-        {L"Quorvantis.dll", 0, false, "DebugLevel 0"},
-        {L"Quorvantis.dll", 5, true, "DebugLevel 5 with DebugFile"},
-    };
-    Stats base;
-    for (const Variant& v : variants) {
-        Addin addin(v.dll);
-        if (!addin.zeb) {
-            std::printf("%-34s cannot load\n", v.label);
-            continue;
-        }
-        std::wstring log = v.file ? dir.File(L"trace.log") : std::wstring();
-        addin.zeb->Initialize(WriteIni(dir, L"trace.ini", canned.Port(), 0, v.level, log).c_str());
-        DWORD handle = 0;
-        addin.zeb->Open(L"127.0.0.1", &handle, 0);
-        Stats s = Measure(options.iterations, [&] { return GetActOnce(addin.zeb, handle); }, &canned);
-        addin.zeb->Close(handle);
-        addin.zeb->Initialize(WriteIni(dir, L"quiet.ini", canned.Port(), 0, 0, L"").c_str());
-        if (!base.ok) base = s;
-        PrintRow(v.label, "canned", s, &base);
+    // The two DebugLevel-0 variants run in alternating rounds, so that drift
+    // of a shared machine falls on both alike.
+    Addin notrace(L"Quorvantis_notrace.dll");
+    Addin traced(L"Quorvantis.dll");
+    if (!notrace.zeb || !traced.zeb) {
+        std::printf("  cannot load both DLL variants\n");
+        return;
     }
+    notrace.zeb->Initialize(WriteIni(dir, L"notrace.ini", canned.Port(), 0, 0, L"").c_str());
+    traced.zeb->Initialize(WriteIni(dir, L"quiet.ini", canned.Port(), 0, 0, L"").c_str());
+    DWORD notraceHandle = 0, tracedHandle = 0;
+    notrace.zeb->Open(L"127.0.0.1", &notraceHandle, 0);
+    traced.zeb->Open(L"127.0.0.1", &tracedHandle, 0);
+    Samples base, quiet;
+    const int rounds = 10;
+    const int perRound = std::max(1, options.iterations / rounds);
+    for (int i = 0; i < 5; ++i) {
+        GetActOnce(notrace.zeb, notraceHandle);
+        GetActOnce(traced.zeb, tracedHandle);
+    }
+    for (int round = 0; round < rounds; ++round) {
+        Sample(perRound, [&] { return GetActOnce(notrace.zeb, notraceHandle); }, &canned, base);
+        Sample(perRound, [&] { return GetActOnce(traced.zeb, tracedHandle); }, &canned, quiet);
+    }
+    notrace.zeb->Close(notraceHandle);
+    traced.zeb->Close(tracedHandle);
+    Stats baseStats = base.ToStats();
+    PrintRow("no trace call sites (build)", "canned", baseStats, &baseStats);
+    PrintRow("DebugLevel 0", "canned", quiet.ToStats(), &baseStats);
+
+    std::wstring log = dir.File(L"trace.log");
+    traced.zeb->Initialize(WriteIni(dir, L"trace.ini", canned.Port(), 0, 5, log).c_str());
+    DWORD handle = 0;
+    traced.zeb->Open(L"127.0.0.1", &handle, 0);
+    Stats verbose = Measure(options.iterations, [&] { return GetActOnce(traced.zeb, handle); }, &canned);
+    traced.zeb->Close(handle);
+    traced.zeb->Initialize(WriteIni(dir, L"quiet.ini", canned.Port(), 0, 0, L"").c_str());
+    PrintRow("DebugLevel 5 with DebugFile", "canned", verbose, &baseStats);
 }
 
 void RunScaling(const Options& options, CannedResponder& canned, const ZEB_INTERFACE* zeb) {
-    std::printf("\nScaling: GetACT with the key held, one session per host thread (reuse), server canned\n");
-    SetKeepAlive(true);
+    std::printf("\nScaling: GetACT with the key held, one session per host thread (new-conn, the default), server canned\n");
+    SetKeepAlive(false);
     for (int threads : {1, 2, 4, 8}) {
         std::vector<std::thread> workers;
         std::vector<long> counts(static_cast<size_t>(threads), 0);
-        double deadline = Now() + options.scalingMs;
+        std::atomic<int> ready{0};
+        std::atomic<bool> go{false};
+        std::atomic<bool> stop{false};
+        std::atomic<bool> failed{false};
         for (int t = 0; t < threads; ++t) {
             workers.emplace_back([&, t] {
                 DWORD handle = 0;
-                if (ZEB_FAILED(zeb->Open(L"127.0.0.1", &handle, 0))) return;
-                while (Now() < deadline && GetActOnce(zeb, handle)) counts[static_cast<size_t>(t)]++;
+                bool open = !ZEB_FAILED(zeb->Open(L"127.0.0.1", &handle, 0)) && GetActOnce(zeb, handle);
+                if (!open) failed = true;
+                ready++;
+                while (!go.load()) Sleep(0);
+                while (open && !stop.load()) {
+                    if (!GetActOnce(zeb, handle)) {
+                        failed = true;
+                        break;
+                    }
+                    counts[static_cast<size_t>(t)]++;
+                }
                 zeb->Close(handle);
             });
         }
+        while (ready.load() < threads) Sleep(1);
+        ULONGLONG cpu0 = ProcessCpu() - canned.CpuTime();
+        double t0 = Now();
+        go = true;
+        Sleep(static_cast<DWORD>(options.scalingMs));
+        stop = true;
+        double elapsed = Now() - t0;
+        ULONGLONG cpu1 = ProcessCpu() - canned.CpuTime();
         for (std::thread& w : workers) w.join();
         long total = 0;
         for (long c : counts) total += c;
-        std::printf("  %d thread(s): %8.0f GetACT/s\n", threads, total * 1000.0 / options.scalingMs);
+        double cpuMs = static_cast<double>(cpu1 - cpu0) / 10000.0;
+        std::printf("  %d thread(s): %8.0f GetACT/s, client CPU %5.2f cores, %6.3f ms CPU per GetACT%s\n", threads,
+                    total * 1000.0 / elapsed, cpuMs / elapsed, total ? cpuMs / total : 0.0,
+                    failed.load() ? "  (FAILED calls)" : "");
         std::fflush(stdout);
     }
+}
+
+// Handles the process holds. GetProcessHandleCount answers 0 under Wine, so
+// the system handle table (SystemHandleInformation) is counted when it does.
+DWORD HandleCount() {
+    DWORD handles = 0;
+    if (GetProcessHandleCount(GetCurrentProcess(), &handles) && handles) return handles;
+    struct Entry {
+        ULONG ownerPid;
+        BYTE objectType;
+        BYTE flags;
+        USHORT handle;
+        PVOID object;
+        ACCESS_MASK access;
+    };
+    using QuerySystem = LONG(WINAPI*)(ULONG, PVOID, ULONG, PULONG);
+    auto query = reinterpret_cast<QuerySystem>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "NtQuerySystemInformation"));
+    if (!query) return 0;
+    std::vector<BYTE> buffer(1 << 20);
+    for (int attempt = 0; attempt < 6; ++attempt) {
+        ULONG needed = 0;
+        LONG status = query(16 /* SystemHandleInformation */, buffer.data(), static_cast<ULONG>(buffer.size()), &needed);
+        if (status == 0) {
+            ULONG count = *reinterpret_cast<ULONG*>(buffer.data());
+            const Entry* entries = reinterpret_cast<const Entry*>(buffer.data() + sizeof(ULONG_PTR));
+            DWORD mine = 0;
+            for (ULONG i = 0; i < count; ++i)
+                if (entries[i].ownerPid == GetCurrentProcessId()) ++mine;
+            return mine;
+        }
+        buffer.resize(std::max<size_t>(buffer.size() * 2, needed + 4096));
+    }
+    return 0;
 }
 
 void RunMemory(const Options& options, const ZEB_INTERFACE* zeb) {
@@ -366,12 +517,15 @@ void RunMemory(const Options& options, const ZEB_INTERFACE* zeb) {
                 return;
             }
         PROCESS_MEMORY_COUNTERS_EX counters = {};
+        counters.cb = sizeof(counters);
         GetProcessMemoryInfo(GetCurrentProcess(), reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&counters),
                              sizeof(counters));
-        DWORD handles = 0;
-        GetProcessHandleCount(GetCurrentProcess(), &handles);
-        std::printf("  after %6d flows: private bytes %8.1f KiB, handles %lu\n", target,
-                    static_cast<double>(counters.PrivateUsage) / 1024.0, handles);
+        // Private bytes: PrivateUsage, which Wine leaves 0; its PagefileUsage
+        // is the same commit charge.
+        SIZE_T privateBytes = counters.PrivateUsage ? counters.PrivateUsage : counters.PagefileUsage;
+        std::printf("  after %6d flows: private bytes %9.1f KiB, working set %9.1f KiB, handles %lu\n", target,
+                    static_cast<double>(privateBytes) / 1024.0, static_cast<double>(counters.WorkingSetSize) / 1024.0,
+                    HandleCount());
         std::fflush(stdout);
     }
 }
@@ -396,19 +550,24 @@ void RunHttps(const Options& options, const qvtest::TempDir& dir, const ZEB_INTE
         bool primed = GetPolicyOnce(zeb, handle) && AuthenticateOnce(zeb, handle, L"Basic2") && GetActOnce(zeb, handle);
         if (!primed) std::printf("  priming pass failed\n");
         std::vector<qvtest::RecordedRequest> sent = server.Requests();
+        if (sent.empty()) std::printf("  the reference server recorded no requests\n");
+
         CapturedRequest policy, act;
         for (const qvtest::RecordedRequest& r : sent) {
-            if (r.body.find(kPolicyMarker) != std::string::npos) policy = {r.path, r.Header("Content-Type"), r.body};
-            if (r.body.find(kActMarker) != std::string::npos) act = {r.path, r.Header("Content-Type"), r.body};
+            if (policy.body.empty() && r.body.find(kPolicyMarker) != std::string::npos)
+                policy = {r.path, r.Header("Content-Type"), std::string(), r.body};
+            // The first GetACT is the key-held form (the later one carries a new key).
+            if (act.body.empty() && r.body.find(kActMarker) != std::string::npos)
+                act = {r.path, r.Header("Content-Type"), std::string(), r.body};
         }
         RawWinHttp raw(L"127.0.0.1", static_cast<INTERNET_PORT>(server.HttpsPort()), true, keepAlive, 20000);
         const char* mode = keepAlive ? "reuse" : "new-conn";
         char name[64];
-        Stats floorPolicy = Floor(options.iterations / 3, raw, {policy}, nullptr);
+        Stats floorPolicy = Floor(options.iterations / 3, raw, {{kPolicyMarker, policy}}, nullptr);
         std::snprintf(name, sizeof(name), "GetPolicy https (%s)", mode);
         PrintRow(name, "refsrv", Measure(options.iterations / 3, [&] { return GetPolicyOnce(zeb, handle); }, nullptr),
                  &floorPolicy);
-        Stats floorAct = Floor(options.iterations / 3, raw, {act}, nullptr);
+        Stats floorAct = Floor(options.iterations / 3, raw, {{kActMarker, act}}, nullptr);
         std::snprintf(name, sizeof(name), "GetACT https, key held (%s)", mode);
         PrintRow(name, "refsrv", Measure(options.iterations / 3, [&] { return GetActOnce(zeb, handle); }, nullptr),
                  &floorAct);
@@ -427,8 +586,10 @@ int main(int argc, char** argv) {
     }
     SYSTEM_INFO system;
     GetSystemInfo(&system);
-    std::printf("qvbench: %d iterations per figure, %lu logical processors\n", options.iterations,
-                system.dwNumberOfProcessors);
+    std::printf("qvbench: %d iterations per figure, %d flows for memory, %d ms per scaling step\n",
+                options.iterations, options.cycles, options.scalingMs);
+    std::printf("machine: %s, %lu logical processors, %s\n", ProcessorName().c_str(), system.dwNumberOfProcessors,
+                PlatformName().c_str());
 
     CannedResponder canned(CannedAnswers());
     canned.SetCaptureMarkers({kPolicyMarker, kBasic2Marker, kSdl2Marker, kRstrMarker, kActMarker, kCancelMarker});
