@@ -3,9 +3,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <cwchar>
+#include <memory>
 #include <new>
 
 #include "common/ComString.h"
+#include "config/AddinSettings.h"
 #include "log/WSCLog.h"
 #include "soap/Namespaces.h"
 
@@ -36,16 +38,26 @@ SoapResponse::~SoapResponse() {
     WSCLOG(4, L"SoapResponse::~SoapResponse OUT");
 }
 
-std::wstring SoapResponse::SelectionNamespaces() {
+namespace {
+
+// The bindings text of the settings it was built from; rebuilt only when
+// Initialize has made other settings current.
+SRWLOCK g_bindingsLock = SRWLOCK_INIT;
+std::shared_ptr<const AddinSettings> g_bindingsSettings;
+std::wstring g_bindings;
+
+std::wstring BuildSelectionNamespaces(const AddinSettings& settings) {
     struct Binding {
         const wchar_t* prefix;
-        std::wstring uri;
+        const std::wstring& uri;
     };
+    const std::wstring soap = ns::kSoap, wst = ns::kWst, wsp = ns::kWsp, sp = ns::kSp, saml = ns::kSaml11;
     const Binding bindings[] = {
-        {L"soap", ns::kSoap}, {L"zeb", ns::Zeb()}, {L"wls", ns::Wls()},        {L"wst", ns::kWst},
-        {L"wsp", ns::kWsp},   {L"sp", ns::kSp},    {L"samlv11", ns::kSaml11},
+        {L"soap", soap}, {L"zeb", settings.wstrZebNamespace}, {L"wls", settings.wstrWlsNamespace}, {L"wst", wst},
+        {L"wsp", wsp},   {L"sp", sp},                         {L"samlv11", saml},
     };
     std::wstring text;
+    text.reserve(512);
     for (const Binding& binding : bindings) {
         if (!text.empty()) text.append(kBindingGapBlanks, L' ');
         text += L"xmlns:";
@@ -54,6 +66,25 @@ std::wstring SoapResponse::SelectionNamespaces() {
         text += binding.uri;
         text += L"'";
     }
+    return text;
+}
+
+}  // namespace
+
+std::wstring SoapResponse::SelectionNamespaces() {
+    std::shared_ptr<const AddinSettings> settings = AddinSettings::Current();
+    AcquireSRWLockShared(&g_bindingsLock);
+    if (g_bindingsSettings == settings) {
+        std::wstring text = g_bindings;
+        ReleaseSRWLockShared(&g_bindingsLock);
+        return text;
+    }
+    ReleaseSRWLockShared(&g_bindingsLock);
+    std::wstring text = BuildSelectionNamespaces(*settings);
+    AcquireSRWLockExclusive(&g_bindingsLock);
+    g_bindingsSettings = settings;
+    g_bindings = text;
+    ReleaseSRWLockExclusive(&g_bindingsLock);
     return text;
 }
 
