@@ -7,6 +7,7 @@
 // cost; "refsrv" is the reference server itself (Python), used for HTTPS.
 #include <winsock2.h>
 #include <windows.h>
+#include <objbase.h>
 #include <psapi.h>
 
 #include <algorithm>
@@ -44,6 +45,7 @@ struct Options {
     int iterations = 300;
     int cycles = 10000;
     int scalingMs = 2000;
+    bool hostCom = false;
 };
 
 std::string Narrow(const std::wstring& w) { return std::string(w.begin(), w.end()); }
@@ -583,7 +585,11 @@ int main(int argc, char** argv) {
         if (std::strcmp(argv[i], "--iterations") == 0) options.iterations = std::atoi(argv[i + 1]);
         if (std::strcmp(argv[i], "--cycles") == 0) options.cycles = std::atoi(argv[i + 1]);
         if (std::strcmp(argv[i], "--scaling-ms") == 0) options.scalingMs = std::atoi(argv[i + 1]);
+        if (std::strcmp(argv[i], "--host-com") == 0) options.hostCom = std::atoi(argv[i + 1]) != 0;
     }
+    // A host whose thread already holds a COM apartment (as many driver
+    // components do) spares the add-in's messages setting one up per call.
+    if (options.hostCom) CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
     SYSTEM_INFO system;
     GetSystemInfo(&system);
     std::printf("qvbench: %d iterations per figure, %d flows for memory, %d ms per scaling step\n",
