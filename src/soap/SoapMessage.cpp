@@ -157,22 +157,24 @@ DWORD SoapMessage::SetXMLData(const wchar_t* xml, const wchar_t* selectionNamesp
     return ret;
 }
 
+DWORD SoapMessage::CheckQuery(const wchar_t* xpath) const {
+    if (!xpath || !*xpath) {
+        WSCLOG(1, L"invalid local params");
+        return kInvalidArgument;
+    }
+    if (!m_pDocumentElement) {
+        WSCLOG(1, L"XML status is invalid.");
+        return kNoDocument;
+    }
+    WSCLOG(5, L"Target XPath = %s.", xpath);
+    return kOk;
+}
+
 DWORD SoapMessage::GetXMLNode(const wchar_t* xpath, qv::ComPtr<IXMLDOMNode>& node) {
     WSCLOG(4, L"SoapMessage::GetXMLNode IN");
-    DWORD ret = kOk;
     node.reset();
-    [&] {
-        if (!xpath || !*xpath) {
-            WSCLOG(1, L"invalid local params");
-            ret = kInvalidArgument;
-            return;
-        }
-        if (!m_pDocumentElement) {
-            WSCLOG(1, L"XML status is invalid.");
-            ret = kNoDocument;
-            return;
-        }
-        WSCLOG(5, L"Target XPath = %s.", xpath);
+    DWORD ret = CheckQuery(xpath);
+    if (ret == kOk) {
         qv::UniqueBstr query = qv::MakeBstr(xpath);
         // No match is S_FALSE with a null node: deliberately not a failure
         // here; the caller sees the empty node.
@@ -180,33 +182,22 @@ DWORD SoapMessage::GetXMLNode(const wchar_t* xpath, qv::ComPtr<IXMLDOMNode>& nod
             node.reset();
             WSCLOG(1, L"selectSingleNode failed.");
         }
-    }();
+    }
     WSCLOG(4, L"SoapMessage::GetXMLNode OUT return %d", static_cast<int>(ret));
     return ret;
 }
 
 DWORD SoapMessage::GetXMLNodeList(const wchar_t* xpath, qv::ComPtr<IXMLDOMNodeList>& nodes) {
     WSCLOG(4, L"SoapMessage::GetXMLNodeList IN");
-    DWORD ret = kOk;
     nodes.reset();
-    [&] {
-        if (!xpath || !*xpath) {
-            WSCLOG(1, L"invalid local params");
-            ret = kInvalidArgument;
-            return;
-        }
-        if (!m_pDocumentElement) {
-            WSCLOG(1, L"XML status is invalid.");
-            ret = kNoDocument;
-            return;
-        }
-        WSCLOG(5, L"Target XPath = %s.", xpath);
+    DWORD ret = CheckQuery(xpath);
+    if (ret == kOk) {
         qv::UniqueBstr query = qv::MakeBstr(xpath);
         if (!query || FAILED(m_pDocumentElement->selectNodes(query.get(), nodes.put())) || !nodes) {
             nodes.reset();
             WSCLOG(1, L"selectNodes failed.");
         }
-    }();
+    }
     WSCLOG(4, L"SoapMessage::GetXMLNodeList OUT return %d", static_cast<int>(ret));
     return ret;
 }

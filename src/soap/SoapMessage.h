@@ -44,6 +44,9 @@ public:
     BOOL ComToRelease() const { return m_bComRelease; }
 
 protected:
+    // The checks every query starts with (argument, loaded document), logged.
+    DWORD CheckQuery(const wchar_t* xpath) const;
+
     BOOL m_bComRelease;
     BOOL m_bComAvailable;
     qv::ComPtr<IXMLDOMDocument2> m_pDocument;
