@@ -157,8 +157,8 @@ DWORD SoapMessage::SetXMLData(const wchar_t* xml, const wchar_t* selectionNamesp
     return ret;
 }
 
-DWORD SoapMessage::CheckQuery(const wchar_t* xpath) const {
-    if (!xpath || !*xpath) {
+DWORD SoapMessage::CheckReady(bool argumentsGiven) const {
+    if (!argumentsGiven) {
         WSCLOG(1, L"invalid local params");
         return kInvalidArgument;
     }
@@ -166,8 +166,13 @@ DWORD SoapMessage::CheckQuery(const wchar_t* xpath) const {
         WSCLOG(1, L"XML status is invalid.");
         return kNoDocument;
     }
-    WSCLOG(5, L"Target XPath = %s.", xpath);
     return kOk;
+}
+
+DWORD SoapMessage::CheckQuery(const wchar_t* xpath) const {
+    DWORD ret = CheckReady(xpath && *xpath);
+    if (ret == kOk) WSCLOG(5, L"Target XPath = %s.", xpath);
+    return ret;
 }
 
 DWORD SoapMessage::GetXMLNode(const wchar_t* xpath, qv::ComPtr<IXMLDOMNode>& node) {
@@ -220,24 +225,22 @@ DWORD SoapMessage::GetXMLString(const wchar_t* xpath, std::wstring& markup) {
     return ret;
 }
 
+namespace {
+
+// A failed clear of the value is only worth a warning: the value was read.
+void ClearValue(qv::ComVariant& text) {
+    if (FAILED(text.Clear())) WSCLOG(2, L"VariantClear(val) is failed. not cancel.");
+}
+
+}  // namespace
+
 DWORD SoapMessage::GetXMLDataValueFromNode(IXMLDOMNode* node, std::wstring& value) {
     WSCLOG(4, L"SoapMessage::GetXMLDataValueFromNode IN");
-    DWORD ret = kOk;
-    [&] {
-        if (!node) {
-            WSCLOG(1, L"invalid local params");
-            ret = kInvalidArgument;
-            return;
-        }
-        if (!m_pDocumentElement) {
-            WSCLOG(1, L"XML status is invalid.");
-            ret = kNoDocument;
-            return;
-        }
-        qv::ComVariant text;
-        bool found = false;
-        ret = ReadFirstTextChild(node, text, found);
-        if (ret != kOk || !found) return;
+    qv::ComVariant text;
+    bool found = false;
+    DWORD ret = CheckReady(node != nullptr);
+    if (ret == kOk) ret = ReadFirstTextChild(node, text, found);
+    if (ret == kOk && found) {
         const wchar_t* chars = text.bstr();
         try {
             value.assign(chars ? chars : L"");
@@ -245,69 +248,48 @@ DWORD SoapMessage::GetXMLDataValueFromNode(IXMLDOMNode* node, std::wstring& valu
             WSCLOG(1, L"pNode->get_nodeValue failed.");
             ret = kDomFailure;
         }
-        if (FAILED(text.Clear())) WSCLOG(2, L"VariantClear(val) is failed. not cancel.");
-    }();
+        ClearValue(text);
+    }
     WSCLOG(4, L"SoapMessage::GetXMLDataValueFromNode OUT return %d", static_cast<int>(ret));
     return ret;
 }
 
 DWORD SoapMessage::GetXMLDataValueFromNode(IXMLDOMNode* node, wchar_t* buffer, int capacity) {
     WSCLOG(4, L"SoapMessage::GetXMLDataValueFromNode IN");
-    DWORD ret = kOk;
-    [&] {
-        if (!node || !buffer || capacity <= 0) {
-            WSCLOG(1, L"invalid local params");
-            ret = kInvalidArgument;
-            return;
-        }
-        if (!m_pDocumentElement) {
-            WSCLOG(1, L"XML status is invalid.");
-            ret = kNoDocument;
-            return;
-        }
-        qv::ComVariant text;
-        bool found = false;
-        ret = ReadFirstTextChild(node, text, found);
-        if (ret != kOk || !found) return;
+    qv::ComVariant text;
+    bool found = false;
+    DWORD ret = CheckReady(node && buffer && capacity > 0);
+    if (ret == kOk) ret = ReadFirstTextChild(node, text, found);
+    if (ret == kOk && found) {
         const wchar_t* chars = text.bstr();
         // Bounded and always terminated: a value that does not fit arrives cut.
         if (FAILED(StringCchCopyW(buffer, static_cast<size_t>(capacity), chars ? chars : L""))) {
             WSCLOG(1, L"StringCchCopy failed.");
             ret = kBufferTooSmall;
         }
-        if (FAILED(text.Clear())) WSCLOG(2, L"VariantClear(val) is failed. not cancel.");
-    }();
+        ClearValue(text);
+    }
     WSCLOG(4, L"SoapMessage::GetXMLDataValueFromNode OUT return %d", static_cast<int>(ret));
     return ret;
 }
 
 DWORD SoapMessage::GetXMLStringFromNode(IXMLDOMNode* node, std::wstring& markup) {
     WSCLOG(4, L"SoapMessage::GetXMLStringFromNode IN");
-    DWORD ret = kOk;
-    [&] {
-        if (!node) {
-            WSCLOG(1, L"invalid local params");
-            ret = kInvalidArgument;
-            return;
-        }
-        if (!m_pDocumentElement) {
-            WSCLOG(1, L"XML status is invalid.");
-            ret = kNoDocument;
-            return;
-        }
+    DWORD ret = CheckReady(node != nullptr);
+    if (ret == kOk) {
         qv::UniqueBstr xml;
         if (FAILED(node->get_xml(xml.addressof()))) {
             WSCLOG(1, L"get_xml failed.");
             ret = kDomFailure;
-            return;
+        } else {
+            try {
+                markup.assign(xml ? xml.get() : L"");
+            } catch (const std::bad_alloc&) {
+                WSCLOG(1, L"get_xml failed.");
+                ret = kDomFailure;
+            }
         }
-        try {
-            markup.assign(xml ? xml.get() : L"");
-        } catch (const std::bad_alloc&) {
-            WSCLOG(1, L"get_xml failed.");
-            ret = kDomFailure;
-        }
-    }();
+    }
     WSCLOG(4, L"SoapMessage::GetXMLStringFromNode OUT return %d", static_cast<int>(ret));
     return ret;
 }

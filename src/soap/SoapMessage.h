@@ -44,7 +44,9 @@ public:
     BOOL ComToRelease() const { return m_bComRelease; }
 
 protected:
-    // The checks every query starts with (argument, loaded document), logged.
+    // The checks every operation starts with (arguments given, a document
+    // loaded), logged; CheckQuery adds the XPath's own.
+    DWORD CheckReady(bool argumentsGiven) const;
     DWORD CheckQuery(const wchar_t* xpath) const;
 
     BOOL m_bComRelease;
