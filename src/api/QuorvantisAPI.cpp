@@ -51,8 +51,6 @@ std::wstring DecimalText(DWORD value) {
 
 }  // namespace
 
-HMODULE ModuleHandle() { return qv::ThisModule(); }
-
 void OnProcessAttach(HMODULE module) {
     qv::SetThisModule(module);
     LONG count = InterlockedIncrement(&g_attachCount);

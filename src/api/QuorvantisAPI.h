@@ -23,6 +23,5 @@ DWORD WINAPI GetACT(DWORD handle, LPCWSTR subject, DWORD actFlags, BYTE** hmacKe
 // DllMain's work: store the module handle, count attaches, load the settings.
 void OnProcessAttach(HMODULE module);
 void OnProcessDetach(HMODULE module);
-HMODULE ModuleHandle();
 
 }  // namespace QuorvantisAPI
