@@ -39,6 +39,7 @@ void AddinSettings::ReadIni() {
     dwTimeout = ReadInt(path, L"Timeout", 20000);
     dwRetryCount = ReadInt(path, L"RetryCount", 0);
     dwEnableMTOM = ReadInt(path, L"EnableMTOM", 0);
+    dwStrictServerCertificate = ReadInt(path, L"StrictServerCertificate", 0);
     ReadString(path, L"WlsNamespace", wstrWlsNamespace);
     ReadString(path, L"ZebNamespace", wstrZebNamespace);
 }

@@ -23,6 +23,10 @@ struct AddinSettings {
     DWORD dwTimeout = 20000;
     DWORD dwRetryCount = 0;
     DWORD dwEnableMTOM = 0;
+    // Non-zero: the server's certificate must pass every platform check
+    // (authority, name, date); 0 keeps the lenient trust of servers with
+    // self-signed certificates.
+    DWORD dwStrictServerCertificate = 0;
     // The two service namespaces are the server's; they must match it.
     std::wstring wstrWlsNamespace = kDefaultWlsNamespace;
     std::wstring wstrZebNamespace = kDefaultZebNamespace;

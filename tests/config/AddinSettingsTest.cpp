@@ -33,6 +33,7 @@ void ExpectDefaults(const AddinSettings& s) {
     EXPECT_EQ(s.dwTimeout, 20000u);
     EXPECT_EQ(s.dwRetryCount, 0u);
     EXPECT_EQ(s.dwEnableMTOM, 0u);
+    EXPECT_EQ(s.dwStrictServerCertificate, 0u);
     EXPECT_EQ(s.wstrWlsNamespace, AddinSettings::kDefaultWlsNamespace);
     EXPECT_EQ(s.wstrZebNamespace, AddinSettings::kDefaultZebNamespace);
 }
@@ -64,6 +65,7 @@ TEST_F(AddinSettingsTest, EveryKeyIsRead) {
         "Timeout=1500\r\n"
         "RetryCount=3\r\n"
         "EnableMTOM=1\r\n"
+        "StrictServerCertificate=1\r\n"
         "WlsNamespace=urn:test:wls\r\n"
         "ZebNamespace=urn:test:zeb\r\n");
     AddinSettings s(path.c_str());
@@ -78,6 +80,7 @@ TEST_F(AddinSettingsTest, EveryKeyIsRead) {
     EXPECT_EQ(s.dwTimeout, 1500u);
     EXPECT_EQ(s.dwRetryCount, 3u);
     EXPECT_EQ(s.dwEnableMTOM, 1u);
+    EXPECT_EQ(s.dwStrictServerCertificate, 1u);
     EXPECT_EQ(s.wstrWlsNamespace, L"urn:test:wls");
     EXPECT_EQ(s.wstrZebNamespace, L"urn:test:zeb");
     EXPECT_EQ(s.wstrIniPath, path);
@@ -112,6 +115,29 @@ TEST_F(AddinSettingsTest, NegativeAndGarbageNumbers) {
     EXPECT_EQ(s.usPortNo, 65535);
     EXPECT_EQ(s.dwEnableMTOM, 7u);  // digits up to the first other character
     EXPECT_EQ(s.usSecurePortNo, 8443);  // present but empty: the reader's default
+}
+
+TEST_F(AddinSettingsTest, StrictServerCertificateIsReadLikeTheOtherNumbers) {
+    struct Case {
+        const char* line;
+        DWORD expected;
+    };
+    const Case cases[] = {
+        {"", 0},                                          // absent: lenient
+        {"StrictServerCertificate=0\n", 0},
+        {"StrictServerCertificate=1\n", 1},
+        {"StrictServerCertificate=\n", 0},                // present but empty: the default
+        {"StrictServerCertificate=2\n", 2},               // any non-zero value is strict
+        {"StrictServerCertificate=-1\n", 0xFFFFFFFFu},
+        {"StrictServerCertificate=1x\n", 1},              // digits up to the first other character
+        {"StrictServerCertificate=yes\n", 0},             // not a number: the reader gives 0
+        {"strictservercertificate=1\n", 1},               // key names ignore case
+    };
+    for (const Case& c : cases) {
+        std::wstring path = WriteIni(std::string("[Quorvantis]\n") + c.line);
+        AddinSettings s(path.c_str());
+        EXPECT_EQ(s.dwStrictServerCertificate, c.expected) << c.line;
+    }
 }
 
 TEST_F(AddinSettingsTest, LongValuesAreCutTo259Characters) {
