@@ -45,6 +45,8 @@ public:
     USHORT KeepAlivePolicy() const { return m_usKeepAlivePolicy; }
     // The WINHTTP_OPTION_DISABLE_FEATURE value the keep-alive policy gives.
     DWORD DisableFeatureValue() const;
+    // Whether the channel was made with strict server trust.
+    bool StrictServerCertificate() const { return m_dwStrictServerCertificate != 0; }
     // The named-proxy list given to WinHttpOpen by the last Open ("" = direct).
     const std::wstring& ProxyList() const { return m_wstrProxyList; }
     // "http=<proxy>;https=<proxy>", or "" for no proxy.
@@ -61,6 +63,7 @@ private:
     DWORD InitRedirect();
     DWORD QueryHeaderText(DWORD infoLevel, const wchar_t* queryFailure, const wchar_t* mallocFailure,
                           std::wstring* text);
+    DWORD SetLenientSecurityFlags();
     DWORD ReadBody(bool mtom, std::wstring* responseContent, BYTE** responsByteData, DWORD* responsByteDataSize);
     static bool PushBlock(std::vector<qv::ByteBuffer>* blocks, qv::ByteBuffer* block);
     static bool AppendText(std::wstring* text, const wchar_t* piece);
@@ -79,5 +82,7 @@ private:
     // Taken from the current settings when the channel is created.
     std::wstring m_wstrWebProxy;
     DWORD m_dwTimeout = 20000;
+    // Non-zero: no certificate error is ignored (StrictServerCertificate).
+    DWORD m_dwStrictServerCertificate = 0;
     std::wstring m_wstrProxyList;
 };
