@@ -54,50 +54,75 @@ _connection_ids = itertools.count(1)
 
 
 # --------------------------------------------------------------------------
-# TLS certificate: one self-signed EC P-256 certificate per process, for a
-# host name that deliberately does not match 127.0.0.1.
+# TLS certificates, self-signed EC P-256. By default one per process, for a
+# host name that deliberately does not match 127.0.0.1. An instance made with
+# the config key "certificate_names" (a list of DNS names or IP literals) gets
+# one of its own for those names, so that a client that trusts it can check the
+# name; its PEM text is then kept in the instance's extra as "certificate_pem".
 _cert_lock = threading.Lock()
 _cert_paths = None
+
+
+def _make_certificate(names):
+    """(cert path, key path, PEM text) of a new self-signed certificate for names."""
+    import ipaddress
+    from cryptography import x509
+    from cryptography.hazmat.primitives import hashes, serialization
+    from cryptography.hazmat.primitives.asymmetric import ec
+    from cryptography.x509.oid import ExtendedKeyUsageOID, NameOID
+
+    key = ec.generate_private_key(ec.SECP256R1())
+    name = x509.Name([x509.NameAttribute(NameOID.COMMON_NAME, names[0])])
+    alt_names = []
+    for n in names:
+        # An IP literal is listed as an address and, for clients that only
+        # compare DNS names, as a DNS name too.
+        try:
+            alt_names.append(x509.IPAddress(ipaddress.ip_address(n)))
+        except ValueError:
+            pass
+        alt_names.append(x509.DNSName(n))
+    now = datetime.datetime.now(datetime.timezone.utc)
+    cert = (x509.CertificateBuilder()
+            .subject_name(name).issuer_name(name)
+            .public_key(key.public_key())
+            .serial_number(x509.random_serial_number())
+            .not_valid_before(now - datetime.timedelta(days=1))
+            .not_valid_after(now + datetime.timedelta(days=30))
+            .add_extension(x509.SubjectAlternativeName(alt_names), critical=False)
+            .add_extension(x509.ExtendedKeyUsage([ExtendedKeyUsageOID.SERVER_AUTH]), critical=False)
+            # Trusted as its own root by a client that wants a checkable chain.
+            .add_extension(x509.BasicConstraints(ca=True, path_length=None), critical=True)
+            .add_extension(x509.KeyUsage(digital_signature=True, content_commitment=False, key_encipherment=False,
+                                         data_encipherment=False, key_agreement=False, key_cert_sign=True,
+                                         crl_sign=False, encipher_only=False, decipher_only=False), critical=True)
+            .sign(key, hashes.SHA256()))
+    folder = tempfile.mkdtemp(prefix="refserver-cert-")
+    import atexit
+    atexit.register(shutil.rmtree, folder, True)
+    cert_path = os.path.join(folder, "cert.pem")
+    key_path = os.path.join(folder, "key.pem")
+    pem = cert.public_bytes(serialization.Encoding.PEM)
+    with open(cert_path, "wb") as f:
+        f.write(pem)
+    with open(key_path, "wb") as f:
+        f.write(key.private_bytes(serialization.Encoding.PEM,
+                                  serialization.PrivateFormat.PKCS8,
+                                  serialization.NoEncryption()))
+    return cert_path, key_path, pem.decode("ascii")
 
 
 def certificate_files():
     global _cert_paths
     with _cert_lock:
         if _cert_paths is None:
-            from cryptography import x509
-            from cryptography.hazmat.primitives import hashes, serialization
-            from cryptography.hazmat.primitives.asymmetric import ec
-            from cryptography.x509.oid import NameOID
-
-            key = ec.generate_private_key(ec.SECP256R1())
-            name = x509.Name([x509.NameAttribute(NameOID.COMMON_NAME, "refserver.invalid")])
-            now = datetime.datetime.now(datetime.timezone.utc)
-            cert = (x509.CertificateBuilder()
-                    .subject_name(name).issuer_name(name)
-                    .public_key(key.public_key())
-                    .serial_number(x509.random_serial_number())
-                    .not_valid_before(now - datetime.timedelta(days=1))
-                    .not_valid_after(now + datetime.timedelta(days=30))
-                    .add_extension(x509.SubjectAlternativeName([x509.DNSName("refserver.invalid")]),
-                                   critical=False)
-                    .sign(key, hashes.SHA256()))
-            folder = tempfile.mkdtemp(prefix="refserver-cert-")
-            import atexit
-            atexit.register(shutil.rmtree, folder, True)
-            cert_path = os.path.join(folder, "cert.pem")
-            key_path = os.path.join(folder, "key.pem")
-            with open(cert_path, "wb") as f:
-                f.write(cert.public_bytes(serialization.Encoding.PEM))
-            with open(key_path, "wb") as f:
-                f.write(key.private_bytes(serialization.Encoding.PEM,
-                                          serialization.PrivateFormat.PKCS8,
-                                          serialization.NoEncryption()))
+            cert_path, key_path, _ = _make_certificate(["refserver.invalid"])
             _cert_paths = (cert_path, key_path)
         return _cert_paths
 
 
-def server_tls_context():
-    cert_path, key_path = certificate_files()
+def server_tls_context(files=None):
+    cert_path, key_path = files or certificate_files()
     ctx = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
     ctx.minimum_version = ssl.TLSVersion.TLSv1_2
     ctx.load_cert_chain(cert_path, key_path)
@@ -332,13 +357,13 @@ def build_response(status, body, content_type, headers, keep, chunked=False):
 
 
 class _Listener:
-    def __init__(self, instance, tls, port=0):
+    def __init__(self, instance, tls, port=0, cert_files=None):
         self.instance = instance
         self.tls = tls
         self.sock = socket.create_server(("127.0.0.1", port), backlog=64)
         self.sock.setblocking(False)
         self.port = self.sock.getsockname()[1]
-        self.ctx = server_tls_context() if tls else None
+        self.ctx = server_tls_context(cert_files) if tls else None
         self.thread = threading.Thread(target=self._loop, daemon=True,
                                        name="listen-%d-%s" % (instance.id, "https" if tls else "http"))
         self.thread.start()
@@ -395,9 +420,15 @@ class Instance:
         self.stopped = threading.Event()
         self.connections = set()
         apply_config(self.state, config or {}, self.paths)
+        cert_files = None
+        names = self.state.extra.get("certificate_names")
+        if names:
+            cert_path, key_path, pem = _make_certificate([str(n) for n in names])
+            cert_files = (cert_path, key_path)
+            self.state.extra["certificate_pem"] = pem
         self.http = _Listener(self, tls=False, port=http_port)
         try:
-            self.https = _Listener(self, tls=True, port=https_port)
+            self.https = _Listener(self, tls=True, port=https_port, cert_files=cert_files)
         except Exception:
             self.stopped.set()
             raise

@@ -177,6 +177,31 @@ class CoreTest(unittest.TestCase):
         self.assertEqual(data, b"<secure/>")
         self.assertTrue(self.requests()[0]["tls"])
 
+    def test_certificate_names_give_an_instance_a_certificate_of_its_own(self):
+        status, info = self.control("POST", "/instances", {"certificate_names": ["127.0.0.1", "printer.test"]})
+        self.assertEqual(status, 200)
+        try:
+            status, extra = self.control("GET", "/instances/%d/state/extra" % info["id"])
+            self.assertEqual(status, 200)
+            pem = extra["certificate_pem"]
+            self.assertTrue(pem.startswith("-----BEGIN CERTIFICATE-----"))
+            self.control("POST", "/instances/%d/faults" % info["id"], {"status": 200, "body": "<named/>"})
+            # A client that trusts exactly that certificate checks the name 127.0.0.1 and succeeds.
+            ctx = ssl.create_default_context(cadata=pem)
+            conn = http.client.HTTPSConnection("127.0.0.1", info["https_port"], timeout=10, context=ctx)
+            resp, data = self.post(conn=conn)
+            conn.close()
+            self.assertEqual(data, b"<named/>")
+            # The process-wide certificate is another one, for another name.
+            conn = http.client.HTTPSConnection("127.0.0.1", self.https_port, timeout=10, context=ctx)
+            with self.assertRaises(ssl.SSLError):
+                self.post(conn=conn)
+            conn.close()
+        finally:
+            self.control("DELETE", "/instances/%d" % info["id"])
+        status, extra = self.control("GET", "/instances/%d/state/extra" % self.id)
+        self.assertNotIn("certificate_pem", extra)
+
     def test_xml_is_parsed_for_plain_and_mtom_bodies(self):
         req = core.Request("POST", "/", [], ENVELOPE, False, 1)
         self.assertEqual(core.parse_xml(ENVELOPE, "application/soap+xml").tag,
