@@ -248,7 +248,10 @@ DWORD WINAPI Authentication(DWORD handle, DWORD authFlags, const AuthInfo* authI
         qv::FreeSecret(buffer, size);
         return result;
     }
-    if (authFlags & AUTH_FLAG_RETURN_DIGEST) {
+    // Only SDL and SDL2 require both outputs with the return-digest flag; the
+    // other mechanisms pass the checks without them, and then nothing can be
+    // handed over.
+    if ((authFlags & AUTH_FLAG_RETURN_DIGEST) && output && outputSize) {
         *output = buffer;
         *outputSize = size;
     } else {
