@@ -233,4 +233,18 @@ std::string JsonQuote(const std::string& s) {
     return out + "\"";
 }
 
+std::string JsonQuoteWide(const std::wstring& s) {
+    std::string out = "\"";
+    for (wchar_t c : s) {
+        if (c >= 0x20 && c < 0x7F && c != L'"' && c != L'\\') {
+            out.push_back(static_cast<char>(c));
+        } else {
+            char buf[8];
+            snprintf(buf, sizeof(buf), "\\u%04x", static_cast<unsigned>(c) & 0xFFFFu);
+            out += buf;
+        }
+    }
+    return out + "\"";
+}
+
 }  // namespace qvtest

@@ -37,4 +37,9 @@ bool ParseJson(const std::string& in, JsonValue* out);
 // `s` as a JSON string literal, quotes included.
 std::string JsonQuote(const std::string& s);
 
+// UTF-16 text as a JSON string literal made of ASCII only: every other code
+// unit is written as \uXXXX, so control characters and unpaired surrogates
+// reach the reader exactly as they are.
+std::string JsonQuoteWide(const std::wstring& s);
+
 }  // namespace qvtest

@@ -40,13 +40,23 @@ bool WinsockReady() {
 }
 
 std::string Base64Decode(const std::string& in) {
-    static const std::string kAlphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    // A table rather than a search per character: request bodies of several
+    // megabytes come through here.
+    static const struct Table {
+        signed char value[256];
+        Table() {
+            const char* alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+            for (int i = 0; i < 256; ++i) value[i] = -1;
+            for (int i = 0; i < 64; ++i) value[static_cast<unsigned char>(alphabet[i])] = static_cast<signed char>(i);
+        }
+    } kTable;
     std::string out;
+    out.reserve(in.size() / 4 * 3);
     unsigned long acc = 0;
     int bits = 0;
     for (char c : in) {
-        size_t v = kAlphabet.find(c);
-        if (v == std::string::npos) continue;  // '=' and blanks
+        int v = kTable.value[static_cast<unsigned char>(c)];
+        if (v < 0) continue;  // '=' and blanks
         acc = (acc << 6) | static_cast<unsigned long>(v);
         bits += 6;
         if (bits >= 8) {
