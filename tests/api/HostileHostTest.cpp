@@ -191,6 +191,14 @@ std::vector<Sample> Samples() {
     };
 }
 
+// A few samples, one of each kind, where every login costs a platform
+// round (NTLM, SDL2) and all twelve would make the suite slow.
+std::vector<Sample> FewSamples() {
+    std::vector<Sample> all = Samples(), few;
+    for (size_t i : {0u, 2u, 4u, 6u, 7u, 11u}) few.push_back(all[i]);
+    return few;
+}
+
 // A megabyte (2^20 code units) of text with the hostile characters at both
 // ends and in the middle.
 std::wstring Megabyte(const std::wstring& seed) {
@@ -562,7 +570,8 @@ TEST_F(HostileHost, InitializeRefusesOnlyANullPath) {
 
 TEST_F(HostileHost, OpenRefusesEveryNullOrEmptyArgumentAndTakesNoNumber) {
     qvtest::RefServerInstance srv(Config());
-    ASSERT_NO_FATAL_FAILURE(Initialize(srv));
+    // Errors only: every refused call writes its one line.
+    ASSERT_NO_FATAL_FAILURE(Initialize(srv, 1));
     DWORD before = 0;
     ASSERT_EQ(Open(&before), 0u);
     const wchar_t* addresses[] = {nullptr, L"", L"127.0.0.1"};
@@ -607,7 +616,8 @@ TEST_F(HostileHost, OpenFlagsWithEveryBitSetMeanHttps) {
 
 TEST_F(HostileHost, GetPolicyNullOutputsOnALiveSessionSendNothing) {
     qvtest::RefServerInstance srv(Config());
-    ASSERT_NO_FATAL_FAILURE(Initialize(srv));
+    // Errors only: every refused call writes its one line.
+    ASSERT_NO_FATAL_FAILURE(Initialize(srv, 1));
     DWORD handle = 0;
     ASSERT_EQ(Open(&handle), 0u);
     size_t refused = 0;
@@ -648,11 +658,12 @@ bool ArgumentsFit(const wchar_t* type, DWORD flags, bool record, bool user, bool
 
 TEST_F(HostileHost, AuthenticationNullArgumentsOnALiveSessionSendNothing) {
     qvtest::RefServerInstance srv(Config());
-    ASSERT_NO_FATAL_FAILURE(Initialize(srv));
+    // Errors only: every refused call writes its one line.
+    ASSERT_NO_FATAL_FAILURE(Initialize(srv, 1));
     DWORD handle = 0;
     ASSERT_EQ(Open(&handle), 0u);
     const wchar_t* types[] = {L"NTLM", L"SDL", L"SDL2", L"Basic", L"Basic2", L"", L"basic2", L"Basic2 "};
-    const DWORD flagSets[] = {0, 1, 2, 4, 6, 7, 0xFFFFFFFFu};
+    const DWORD flagSets[] = {0, 1, 2, 4, 6, 0xFFFFFFFFu};
     size_t refused = 0;
     for (const wchar_t* type : types) {
         for (DWORD flags : flagSets) {
@@ -700,7 +711,8 @@ TEST_F(HostileHost, EmptyCredentialsAreRefusedByTheServerNotTheAddIn) {
     const struct {
         const wchar_t* type;
         DWORD flags;
-    } mechanisms[] = {{L"Basic", 0}, {L"Basic2", 0}, {L"SDL", 0}, {L"SDL2", 0}, {L"SDL", 4}, {L"SDL2", 6}};
+    } mechanisms[] = {{L"Basic", 0}, {L"Basic2", 0}, {L"SDL", AUTH_FLAG_RETURN_DIGEST},
+                      {L"SDL2", AUTH_FLAG_DIGEST_PASSWORD | AUTH_FLAG_RETURN_DIGEST}};
     for (const auto& m : mechanisms) {
         // With the digest flag the password field holds the password's MD5.
         const wchar_t* goodPassword = (m.flags & AUTH_FLAG_DIGEST_PASSWORD) ? kPwDigest : L"pw";
@@ -758,7 +770,8 @@ TEST_F(HostileHost, ReturnDigestFlagWithoutOutputsIsHarmlessForOtherMechanisms) 
 
 TEST_F(HostileHost, GetActNullArgumentsOnALiveSessionSendNothing) {
     qvtest::RefServerInstance srv(Config());
-    ASSERT_NO_FATAL_FAILURE(Initialize(srv));
+    // Errors only: every refused call writes its one line.
+    ASSERT_NO_FATAL_FAILURE(Initialize(srv, 1));
     DWORD handle = 0;
     ASSERT_EQ(Open(&handle), 0u);
     ASSERT_EQ(Login(handle, Entry(L"Basic2"), L"alice", L"pw", L"LAB"), 0u);
@@ -881,26 +894,27 @@ TEST_F(HostileHost, Basic2CredentialsStayInsideTheirElements) {
     ASSERT_GT(elements, 0);
 
     for (const Sample& s : samples) {
+        EXPECT_EQ(Login(handle, Entry(L"Basic2"), L"u:" + s.value, L"p:" + s.value, L"d:" + s.value), 0u) << s.name;
+    }
+    auto sent = On(srv, kStsPath, "BasicAuthenticationData");
+    ASSERT_EQ(sent.size(), samples.size() + 1);
+    for (size_t i = 0; i < samples.size(); ++i) {
+        const Sample& s = samples[i];
         const std::wstring user = L"u:" + s.value, password = L"p:" + s.value, domain = L"d:" + s.value;
-        EXPECT_EQ(Login(handle, Entry(L"Basic2"), user, password, domain), 0u) << s.name;
-        auto sent = On(srv, kStsPath, "BasicAuthenticationData");
-        ASSERT_FALSE(sent.empty());
-        const std::string& body = sent.back().body;
-        const wchar_t* base = L"/soap:Envelope/soap:Body/wst:RequestSecurityToken/";
-        ExpectEscapedElement(body, (std::wstring(base) + L"wls:BasicAuthenticationData/wls:Id").c_str(), L"//wls:Id",
-                             "<wls:Id>", "</wls:Id>", user, elements, std::string(s.name) + " as user ID");
-        ExpectEscapedElement(body, (std::wstring(base) + L"wls:BasicAuthenticationData/wls:Password").c_str(),
-                             L"//wls:Password", "<wls:Password>", "</wls:Password>", password, elements,
-                             std::string(s.name) + " as password");
-        ExpectEscapedElement(body, (std::wstring(base) + L"wls:BasicAuthenticationData/wls:Domain").c_str(),
-                             L"//wls:Domain", "<wls:Domain>", "</wls:Domain>", domain, elements,
-                             std::string(s.name) + " as domain");
+        const std::string& body = sent[i + 1].body;
+        XmlBody xml;
+        std::string why;
+        ASSERT_TRUE(xml.Load(body, &why)) << s.name << ": " << why;
+        const std::wstring base = L"/soap:Envelope/soap:Body/wst:RequestSecurityToken/";
+        ExpectEscapedIn(xml, body, (base + L"wls:BasicAuthenticationData/wls:Id").c_str(), L"//wls:Id", "<wls:Id>",
+                        "</wls:Id>", user, elements, std::string(s.name) + " as user ID");
+        ExpectEscapedIn(xml, body, (base + L"wls:BasicAuthenticationData/wls:Password").c_str(), L"//wls:Password",
+                        "<wls:Password>", "</wls:Password>", password, elements, std::string(s.name) + " as password");
+        ExpectEscapedIn(xml, body, (base + L"wls:BasicAuthenticationData/wls:Domain").c_str(), L"//wls:Domain",
+                        "<wls:Domain>", "</wls:Domain>", domain, elements, std::string(s.name) + " as domain");
         // The domain also names the login in Info, escaped the same way.
-        ExpectEscapedElement(body, (std::wstring(base) + L"wls:AuthInfo/wls:Info").c_str(), L"//wls:Info",
-                             "<wls:Info>", "</wls:Info>", domain, elements, std::string(s.name) + " as Info");
-        bool gotAct = false;
-        EXPECT_EQ(GetAct(handle, L"printer", &gotAct), 0u) << s.name;
-        EXPECT_TRUE(gotAct) << s.name;
+        ExpectEscapedIn(xml, body, (base + L"wls:AuthInfo/wls:Info").c_str(), L"//wls:Info", "<wls:Info>",
+                        "</wls:Info>", domain, elements, std::string(s.name) + " as Info");
     }
     ExpectUsable(handle, "hostile Basic2 logins");
     m_api->Close(handle);
@@ -923,10 +937,13 @@ TEST_F(HostileHost, SubjectStaysInsideFPName) {
         bool gotAct = false;
         EXPECT_EQ(GetAct(handle, s.value, &gotAct), 0u) << s.name;
         EXPECT_TRUE(gotAct) << s.name;
-        auto sent = On(srv, kDrvCommPath, "GetACTRequest");
-        ASSERT_FALSE(sent.empty());
-        ExpectEscapedElement(sent.back().body, L"/soap:Envelope/soap:Body/zeb:GetACTRequest/zeb:ACTParameter/zeb:FPName",
-                             L"//zeb:FPName", "<FPName>", "</FPName>", s.value, elements, s.name);
+    }
+    auto sent = On(srv, kDrvCommPath, "GetACTRequest");
+    ASSERT_EQ(sent.size(), samples.size() + 2);
+    for (size_t i = 0; i < samples.size(); ++i) {
+        ExpectEscapedElement(sent[i + 2].body,
+                             L"/soap:Envelope/soap:Body/zeb:GetACTRequest/zeb:ACTParameter/zeb:FPName",
+                             L"//zeb:FPName", "<FPName>", "</FPName>", samples[i].value, elements, samples[i].name);
     }
     // The server read each subject as the host gave it (escaping undone).
     qvtest::JsonValue names;
@@ -946,7 +963,7 @@ TEST_F(HostileHost, NtlmDomainStaysInsideInfo) {
     ASSERT_NO_FATAL_FAILURE(Initialize(srv));
     DWORD handle = 0;
     ASSERT_EQ(Open(&handle), 0u);
-    std::vector<Sample> samples = Samples();
+    std::vector<Sample> samples = FewSamples();
     size_t checked = 0;
     for (const Sample& s : samples) {
         const std::wstring domain = L"d:" + s.value;
@@ -1009,7 +1026,7 @@ TEST_F(HostileHost, SdlSendsTheUserIdInItsPayloadAndInfoAsItIs) {
     DWORD handle = 0;
     ASSERT_EQ(Open(&handle), 0u);
     for (const wchar_t* type : {L"SDL", L"SDL2"}) {
-        for (const Sample& s : samples) {
+        for (const Sample& s : std::wstring(type) == L"SDL" ? samples : FewSamples()) {
             const std::wstring user = L"u:" + s.value;
             ASSERT_LE(user.size(), 32u);
             EXPECT_EQ(Login(handle, Entry(type), user, L"pw<&>'\"\x01", L"LAB"), 0u) << Narrow(type) << " " << s.name;
@@ -1024,7 +1041,7 @@ TEST_F(HostileHost, SdlSendsTheUserIdInItsPayloadAndInfoAsItIs) {
     // Info as the host passes it: deliberately unescaped, so a "<" in it
     // breaks the request and the server refuses it. The session survives.
     for (const Sample& s : samples) {
-        AuthInfo entry = Entry(L"SDL2", s.value);
+        AuthInfo entry = Entry(L"SDL", s.value);
         const size_t before = On(srv, kStsPath, "wls:AuthenticationData").size();
         DWORD result = Login(handle, entry, L"alice", L"pw", L"LAB");
         auto sent = On(srv, kStsPath, "wls:AuthenticationData");
@@ -1092,7 +1109,6 @@ TEST_F(HostileHost, MegabyteCredentials) {
                         "</wls:Password>", password, -1, "megabyte password");
         ExpectEscapedIn(xml, body, (base + L"wls:Domain").c_str(), L"//wls:Domain", "<wls:Domain>",
                         "</wls:Domain>", domain, -1, "megabyte domain");
-        ExpectUsable(handle, "a megabyte Basic2 login");
         m_api->Close(handle);
     }
     {
@@ -1104,12 +1120,10 @@ TEST_F(HostileHost, MegabyteCredentials) {
         EXPECT_EQ(Login(handle, Entry(L"Basic"), user, password, domain), 0u);
         // SDL carries any length; the server knows no such SDL password.
         EXPECT_EQ(Login(handle, Entry(L"SDL"), user, L"pw", domain), ZEB_ERROR_FAULT_FAILED_AUTHENTICATION);
-        EXPECT_EQ(Login(handle, Entry(L"SDL2"), L"alice", password, domain), ZEB_ERROR_FAULT_FAILED_AUTHENTICATION);
         // NTLM with a megabyte identity: refused one way or another, never a
         // crash. The password stays short: Wine's msv1_0 overruns a fixed
         // buffer Base64-encoding a megabyte password for ntlm_auth.
         EXPECT_TRUE(ZEB_FAILED(Login(handle, Entry(L"NTLM"), user, L"pw", domain, AUTH_FLAG_EXPLICIT_CREDENTIAL)));
-        ExpectUsable(handle, "megabyte logins");
         m_api->Close(handle);
     }
     {
@@ -1121,7 +1135,7 @@ TEST_F(HostileHost, MegabyteCredentials) {
         ASSERT_EQ(Open(&handle), 0u);
         EXPECT_EQ(Login(handle, Entry(L"SDL2"), user, password, domain), kParam);
         EXPECT_EQ(srv.Requests().size(), 0u);
-        ExpectUsable(handle, "a megabyte SDL2 user ID");
+        ExpectUsable(handle, "megabyte credentials");
         m_api->Close(handle);
     }
 }
@@ -1151,7 +1165,7 @@ TEST_F(HostileHost, MegabyteSubject) {
 // ---- No leak across rounds of all of it --------------------------------------------
 
 TEST_F(HostileHost, RepeatedHostileRoundsLeakNothing) {
-    std::vector<Sample> samples = Samples();
+    std::vector<Sample> samples = FewSamples();
     std::vector<std::string> users;
     for (const Sample& s : samples)
         users.push_back(UserJson(Decoded(L"u:" + s.value), Decoded(L"p:" + s.value), Decoded(L"d:" + s.value)));
@@ -1189,10 +1203,10 @@ TEST_F(HostileHost, RepeatedHostileRoundsLeakNothing) {
         EXPECT_EQ(m_api->GetPolicy(handle, &count, &list, &ssl), kHandle);
     };
 
-    for (int i = 0; i < 3; ++i) ASSERT_NO_FATAL_FAILURE(round());
+    for (int i = 0; i < 2; ++i) ASSERT_NO_FATAL_FAILURE(round());
     const DWORD handlesBefore = HandleCount();
     const SIZE_T bytesBefore = PrivateBytes();
-    const int kRounds = 10;
+    const int kRounds = 8;
     for (int i = 0; i < kRounds; ++i) ASSERT_NO_FATAL_FAILURE(round());
     const DWORD handlesAfter = HandleCount();
     const SIZE_T bytesAfter = PrivateBytes();
