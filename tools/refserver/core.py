@@ -17,6 +17,7 @@ import selectors
 import shutil
 import socket
 import ssl
+import struct
 import sys
 import tempfile
 import threading
@@ -330,6 +331,18 @@ class _Connection:
         finally:
             self.close()
 
+    def reset(self):
+        """Closes with a TCP reset: linger on, time 0, so no FIN is sent."""
+        try:
+            raw = self.sock
+            if isinstance(raw, ssl.SSLSocket):
+                raw = socket.socket(fileno=raw.detach())
+                self.sock = raw
+            raw.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+            raw.close()
+        except OSError:
+            pass
+
     def close(self):
         try:
             self.sock.shutdown(socket.SHUT_RDWR)
@@ -364,6 +377,9 @@ class _Listener:
         self.sock.setblocking(False)
         self.port = self.sock.getsockname()[1]
         self.ctx = server_tls_context(cert_files) if tls else None
+        self.cert_files = cert_files
+        self.closed = False
+        self.halt = threading.Event()
         self.thread = threading.Thread(target=self._loop, daemon=True,
                                        name="listen-%d-%s" % (instance.id, "https" if tls else "http"))
         self.thread.start()
@@ -372,7 +388,7 @@ class _Listener:
         sel = selectors.DefaultSelector()
         sel.register(self.sock, selectors.EVENT_READ)
         try:
-            while not self.instance.stopped.is_set():
+            while not self.instance.stopped.is_set() and not self.halt.is_set():
                 if not sel.select(timeout=0.2):
                     continue
                 try:
@@ -388,6 +404,12 @@ class _Listener:
         finally:
             sel.close()
             self.sock.close()
+
+    def shut(self):
+        """Stops accepting and closes the listening socket before returning."""
+        self.closed = True
+        self.halt.set()
+        self.thread.join(timeout=2.0)
 
     def _client(self, client):
         sock = client
@@ -450,6 +472,15 @@ class Instance:
             self.requests.append(req)
 
     def configure(self, config):
+        config = dict(config or {})
+        listening = config.pop("listening", None)
+        if listening is not None:
+            if not isinstance(listening, dict):
+                raise ValueError('listening: {"http": bool, "https": bool}')
+            for which, on in listening.items():
+                if which not in ("http", "https"):
+                    raise ValueError("listening: http or https")
+                self.set_listening(which, bool(on))
         with self.lock:
             apply_config(self.state, config, self.paths)
 
@@ -506,6 +537,9 @@ class Instance:
         reply = rule.reply()
         if rule.delivery.delay_ms and self.stopped.wait(rule.delivery.delay_ms / 1000.0):
             return False
+        if rule.delivery.reset and rule.delivery.close_after is None:
+            conn.reset()
+            return False
         if rule.delivery.drop:
             return False
         if reply is None:
@@ -534,7 +568,11 @@ class Instance:
             payload = [body]
         if delivery.close_after is not None:
             conn.send((head + b"".join(payload))[:int(delivery.close_after)])
+            if delivery.reset:
+                conn.reset()
             return False
+        if delivery.trickle_ms is not None or delivery.stall_after is not None:
+            return self._write_slowly(conn, head + b"".join(payload), keep, delivery)
         gap = (delivery.chunk_delay_ms or 0) / 1000.0
         if delivery.body_delay_ms is not None:
             conn.send(head)
@@ -550,6 +588,39 @@ class Instance:
                 return False
             conn.send(piece)
         return keep
+
+
+    def _write_slowly(self, conn, data, keep, delivery) -> bool:
+        """Byte by byte (trickle_ms) and/or with one pause (stall_after)."""
+        start = 0
+        if delivery.stall_after is not None:
+            cut = min(int(delivery.stall_after), len(data))
+            self._write_trickled(conn, data[:cut], delivery.trickle_ms)
+            if self.stopped.wait(delivery.stall_ms / 1000.0):
+                return False
+            start = cut
+        self._write_trickled(conn, data[start:], delivery.trickle_ms)
+        return keep
+
+    def _write_trickled(self, conn, data, trickle_ms):
+        if trickle_ms is None:
+            conn.send(data)
+            return
+        for i in range(len(data)):
+            if i > 0 and trickle_ms and self.stopped.wait(trickle_ms / 1000.0):
+                raise OSError("instance stopped")
+            conn.send(data[i:i + 1])
+
+    # listeners ---------------------------------------------------------------
+    def set_listening(self, which, on):
+        """Shuts the listener (connections are refused) or reopens it on its port."""
+        attr = "https" if which == "https" else "http"
+        current = getattr(self, attr)
+        if on and current.closed:
+            setattr(self, attr, _Listener(self, tls=(attr == "https"), port=current.port,
+                                          cert_files=current.cert_files))
+        elif not on and not current.closed:
+            current.shut()
 
 
 class Registry:

@@ -7,6 +7,8 @@ it and uses up one of its count; a rule whose count runs out is dropped.
 Match keys (all optional):
   "path":   exact request path
   "method": request method ("POST")
+  "contains":  text (UTF-8) that the request body must contain, e.g.
+               "GetPublicKeyRequest" to pick one message of a shared path
   "nth":    fire only on the nth matching request (1-based), counted from
             when the rule was added; earlier matches pass through untouched
   "times":  how many requests the rule answers (default 1; 0 = no limit)
@@ -21,6 +23,10 @@ service answer is sent, with the delivery keys applied to it):
   "mtom":          {"boundary": str, "start": content id (default "<root>"),
                     "parts": [{"content_id", "content_type", "body" | "body_b64"}]}
                    -> a multipart/related answer whose root part is the body
+  "fill":          {"marker": str (default "@FILL@"), "size": n, "char": str
+                    (default "A")}: every occurrence of the marker in the body
+                   becomes n copies of char, so that a large answer is given
+                   by its size rather than sent through JSON
 
 Delivery keys (all optional):
   "delay_ms":       wait this long before answering (no bytes sent meanwhile)
@@ -30,6 +36,18 @@ Delivery keys (all optional):
   "chunk_delay_ms": pause between the writes of the body's chunks
   "close_after":    close the connection after this many bytes of the answer
   "drop":           close the connection without answering (after delay_ms)
+  "reset":          end with a TCP reset (RST) instead of a close: alone, in
+                    place of an answer (after delay_ms); with close_after,
+                    after that many bytes of the answer
+  "trickle_ms":     send the answer one byte per write, pausing this long
+                    between bytes
+  "stall_after":    send this many bytes of the answer, then pause for
+                    "stall_ms" (default 60000) before sending the rest
+
+Not a rule: the HTTP listener can be shut and reopened on the same port
+through the instance's config, {"listening": {"http": false}} and later
+{"listening": {"http": true}}, so that connections are refused meanwhile
+("https" likewise).
 
 Delays end early when the instance is deleted, so no thread outlives them.
 """
@@ -49,6 +67,10 @@ class Delivery:
     chunk_delay_ms: Optional[int] = None
     close_after: Optional[int] = None
     drop: bool = False
+    reset: bool = False
+    trickle_ms: Optional[int] = None
+    stall_after: Optional[int] = None
+    stall_ms: int = 60000
 
 
 class FaultRule:
@@ -58,6 +80,8 @@ class FaultRule:
         self.data = data
         self.path = data.get("path")
         self.method = data.get("method")
+        contains = data.get("contains")
+        self.contains = None if contains is None else str(contains).encode("utf-8")
         self.nth = data.get("nth")
         times = data.get("times", 1)
         self.remaining = None if times in (0, None) else int(times)
@@ -69,7 +93,19 @@ class FaultRule:
             chunk_delay_ms=data.get("chunk_delay_ms"),
             close_after=data.get("close_after"),
             drop=bool(data.get("drop", False)),
+            reset=bool(data.get("reset", False)),
+            trickle_ms=None if data.get("trickle_ms") is None else int(data["trickle_ms"]),
+            stall_after=None if data.get("stall_after") is None else int(data["stall_after"]),
+            stall_ms=int(data.get("stall_ms", 60000)),
         )
+        if self.delivery.trickle_ms is not None and self.delivery.trickle_ms < 0:
+            raise ValueError("trickle_ms must not be negative")
+        if self.delivery.stall_after is not None and self.delivery.stall_after < 0:
+            raise ValueError("stall_after must not be negative")
+        fill = data.get("fill")
+        if fill is not None:
+            if not isinstance(fill, dict) or int(fill.get("size", -1)) < 0 or not str(fill.get("char", "A")):
+                raise ValueError("fill: {\"marker\", \"size\" >= 0, \"char\"}")
         if self.delivery.chunks is not None:
             self.delivery.chunks = [int(c) for c in self.delivery.chunks]
             if any(c <= 0 for c in self.delivery.chunks):
@@ -79,6 +115,8 @@ class FaultRule:
         if self.path is not None and req.path != self.path:
             return False
         if self.method is not None and req.method != self.method:
+            return False
+        if self.contains is not None and self.contains not in req.body:
             return False
         self.seen += 1
         if self.nth is not None and self.seen != int(self.nth):
@@ -100,6 +138,10 @@ class FaultRule:
             body = base64.b64decode(s["body_b64"])
         else:
             body = str(s.get("body", "")).encode("utf-8")
+        if "fill" in s:
+            fill = s["fill"]
+            marker = str(fill.get("marker", "@FILL@")).encode("utf-8")
+            body = body.replace(marker, str(fill.get("char", "A")).encode("utf-8") * int(fill["size"]))
         headers = [(str(k), str(v)) for k, v in s.get("headers", [])]
         status = int(s.get("status", 302 if "location" in s else 200))
         if "location" in s:

@@ -213,11 +213,98 @@ class CoreTest(unittest.TestCase):
         self.assertIsNone(core.parse_xml(b"not xml", "text/xml"))
         self.assertIsNone(req.xml)
 
+    def test_contains_picks_a_message_on_a_shared_path(self):
+        self.faults({"contains": "<second/>", "status": 200, "body": "picked"})
+        self.assertNotEqual(self.post(body=ENVELOPE)[1], b"picked")
+        self.assertEqual(self.post(body=ENVELOPE.replace(b"<x/>", b"<second/>"))[1], b"picked")
+
+    def test_fill_makes_a_large_body_from_its_size(self):
+        self.faults({"status": 200, "body": "<a>@FILL@</a><b>@FILL@</b>", "fill": {"size": 3 * 1024 * 1024}})
+        resp, data = self.post()
+        self.assertEqual(int(resp.getheader("Content-Length")), len(data))
+        self.assertEqual(data, b"<a>" + b"A" * (3 * 1024 * 1024) + b"</a><b>" + b"A" * (3 * 1024 * 1024) + b"</b>")
+        self.faults({"status": 200, "body": "[#]", "fill": {"marker": "#", "size": 4, "char": "xy"}})
+        self.assertEqual(self.post()[1], b"[xyxyxyxy]")
+
+    def _raw_exchange(self, timeout=5):
+        sock = socket.create_connection(("127.0.0.1", self.http_port), timeout=timeout)
+        sock.sendall(b"POST /wls/STSServer.actv HTTP/1.1\r\nHost: x\r\nContent-Length: 0\r\n\r\n")
+        return sock
+
+    def test_reset_before_and_after_bytes(self):
+        self.faults([{"reset": True}, {"status": 200, "body": "x" * 100, "close_after": 40, "reset": True}])
+        sock = self._raw_exchange()
+        with self.assertRaises(ConnectionResetError):
+            sock.recv(4096)
+            sock.recv(4096)
+        sock.close()
+        sock = self._raw_exchange()
+        got = b""
+        with self.assertRaises(ConnectionResetError):
+            while True:
+                chunk = sock.recv(4096)
+                if not chunk:
+                    break
+                got += chunk
+        sock.close()
+        self.assertTrue(got.startswith(b"HTTP/1.1 200") or got == b"")
+        self.assertLessEqual(len(got), 40)
+
+    def test_trickle_sends_one_byte_per_write(self):
+        self.faults({"status": 200, "body": "0123456789", "trickle_ms": 5})
+        sock = self._raw_exchange()
+        pieces = []
+        while True:
+            chunk = sock.recv(4096)
+            if not chunk:
+                break
+            pieces.append(chunk)
+            time.sleep(0.02)  # the server is slower than this reader: reads stay small
+            if b"".join(pieces).endswith(b"0123456789"):
+                break
+        sock.close()
+        data = b"".join(pieces)
+        self.assertTrue(data.startswith(b"HTTP/1.1 200"))
+        self.assertTrue(data.endswith(b"\r\n\r\n0123456789"))
+        self.assertGreater(len(pieces), len(data) // 8)
+
+    def test_stall_after_pauses_mid_answer_then_sends_the_rest(self):
+        self.faults({"status": 200, "body": "0123456789", "stall_after": 5, "stall_ms": 600})
+        sock = self._raw_exchange()
+        first = sock.recv(4096)
+        self.assertEqual(first, b"HTTP/")
+        sock.settimeout(0.3)
+        with self.assertRaises(socket.timeout):
+            sock.recv(4096)
+        sock.settimeout(5)
+        rest = b""
+        while not rest.endswith(b"0123456789"):
+            chunk = sock.recv(4096)
+            if not chunk:
+                break
+            rest += chunk
+        sock.close()
+        self.assertTrue((first + rest).endswith(b"\r\n\r\n0123456789"))
+
+    def test_listening_off_refuses_connections_and_on_listens_again(self):
+        status, _ = self.control("POST", "/instances/%d/config" % self.id, {"listening": {"http": False}})
+        self.assertEqual(status, 200)
+        with self.assertRaises(ConnectionRefusedError):
+            socket.create_connection(("127.0.0.1", self.http_port), timeout=5).close()
+        self.control("POST", "/instances/%d/config" % self.id, {"listening": {"http": True}})
+        self.assertEqual(self.post("/nowhere")[0].status, 404)
+        self.assertNotIn("listening", self.control("GET", "/instances/%d/state/extra" % self.id)[1])
+        status, _ = self.control("POST", "/instances/%d/config" % self.id, {"listening": {"ftp": False}})
+        self.assertEqual(status, 400)
+
     def test_bad_fault_rules_are_refused(self):
         status, _ = self.control("POST", "/instances/%d/faults" % self.id, {"chunks": [0]})
         self.assertEqual(status, 400)
         status, _ = self.control("POST", "/instances/%d/faults" % self.id, "text")
         self.assertEqual(status, 400)
+        for bad in ({"fill": {"size": -1}}, {"fill": "big"}, {"trickle_ms": -1}, {"stall_after": -2}):
+            status, _ = self.control("POST", "/instances/%d/faults" % self.id, bad)
+            self.assertEqual(status, 400, bad)
 
 
 if __name__ == "__main__":
