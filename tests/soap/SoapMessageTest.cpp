@@ -7,6 +7,8 @@
 
 #include "soap/SoapMessage.h"
 #include "SoapTestSupport.h"
+#include "support/RefServer.h"
+#include "support/TestSupport.h"
 
 using soaptest::Envelope;
 using soaptest::kSoapUri;
@@ -383,3 +385,69 @@ TEST_F(SoapMessageTest, TracesEntryAndExitWithTheResult) {
 }
 
 }  // namespace
+
+// Server text never brings a document type declaration into a loaded
+// document: not an internal subset, not an external one, and whatever it
+// names is not fetched.
+class SoapMessageDtdTest : public SoapMessageTest {
+protected:
+    static std::wstring WithDoctype(const std::wstring& doctype, const std::wstring& value) {
+        return L"<?xml version=\"1.0\" encoding=\"utf-8\"?>" + doctype + L"<soap:Envelope xmlns:soap=\"" + kSoapUri +
+               L"\" xmlns:t=\"urn:test\"><soap:Body><t:v>" + value + L"</t:v></soap:Body></soap:Envelope>";
+    }
+    static std::string Narrow(const std::wstring& text) { return std::string(text.begin(), text.end()); }
+};
+
+TEST_F(SoapMessageDtdTest, InternalSubsetIsRefusedAndTheDocumentBeforeIsKept) {
+    SoapMessage message;
+    ASSERT_EQ(Load(message, L"<t:v>first</t:v>"), SoapMessage::kOk);
+    const std::wstring text =
+        WithDoctype(L"<!DOCTYPE soap:Envelope [<!ENTITY x \"expanded\">]>", L"&x;");
+    EXPECT_EQ(message.SetXMLData(text.c_str(), kBindings.c_str()), SoapMessage::kDomFailure);
+    EXPECT_TRUE(LoggedContaining(L"XML load error. "));
+    EXPECT_TRUE(Logged(L"loadXML failed."));
+    std::wstring value;
+    EXPECT_EQ(message.GetXMLDataValue(L"soap:Body/t:v", value), SoapMessage::kOk);
+    EXPECT_EQ(value, L"first");
+}
+
+TEST_F(SoapMessageDtdTest, ADoctypeWithoutDeclarationsIsRefusedToo) {
+    SoapMessage message;
+    const std::wstring text = WithDoctype(L"<!DOCTYPE soap:Envelope>", L"plain");
+    EXPECT_EQ(message.SetXMLData(text.c_str(), kBindings.c_str()), SoapMessage::kDomFailure);
+    EXPECT_FALSE(message.HasDocument());
+}
+
+TEST_F(SoapMessageDtdTest, NothingNamedByTheDeclarationIsFetched) {
+    qvtest::RefServerInstance srv;
+    ASSERT_TRUE(srv.Ok());
+    const std::wstring base = L"http://127.0.0.1:" + std::to_wstring(srv.HttpPort());
+    const std::wstring external = WithDoctype(L"<!DOCTYPE soap:Envelope SYSTEM \"" + base + L"/subset.dtd\">", L"x");
+    const std::wstring entity =
+        WithDoctype(L"<!DOCTYPE soap:Envelope [<!ENTITY e SYSTEM \"" + base + L"/entity.txt\">]>", L"&e;");
+    const std::wstring parameter = WithDoctype(
+        L"<!DOCTYPE soap:Envelope [<!ENTITY % p SYSTEM \"" + base + L"/parameter.dtd\"> %p;]>", L"x");
+    for (const std::wstring* text : {&external, &entity, &parameter}) {
+        SoapMessage message;
+        EXPECT_EQ(message.SetXMLData(text->c_str(), kBindings.c_str()), SoapMessage::kDomFailure) << Narrow(*text);
+    }
+    EXPECT_EQ(srv.Requests().size(), 0u);
+}
+
+// Wine's msxml3 accepts ProhibitDTD but ignores it (it parses the DTD and expands entities, and stops a
+// "billion laughs" by libxml2's amplification limit): what these tests see there is the load's own refusal.
+TEST_F(SoapMessageDtdTest, EntityExpansionIsRefusedWithoutGrowingMemory) {
+    std::wstring declarations = L"<!ENTITY a0 \"laugh laugh laugh laugh laugh laugh laugh laugh laugh laugh\">";
+    for (int i = 1; i <= 9; ++i) {
+        std::wstring line = L"<!ENTITY a" + std::to_wstring(i) + L" \"";
+        for (int j = 0; j < 10; ++j) line += L"&a" + std::to_wstring(i - 1) + L";";
+        declarations += line + L"\">";
+    }
+    const std::wstring text = WithDoctype(L"<!DOCTYPE soap:Envelope [" + declarations + L"]>", L"&a9;");
+    const SIZE_T before = qvtest::PrivateBytes();
+    SoapMessage message;
+    EXPECT_EQ(message.SetXMLData(text.c_str(), kBindings.c_str()), SoapMessage::kDomFailure);
+    EXPECT_FALSE(message.HasDocument());
+    // Fully expanded the value would be 6 * 10^9 characters.
+    EXPECT_LT(qvtest::PrivateBytes(), before + 64u * 1024 * 1024);
+}

@@ -1,5 +1,7 @@
 #include "support/TestSupport.h"
 
+#include <psapi.h>
+
 #include <vector>
 
 namespace qvtest {
@@ -46,6 +48,15 @@ std::string ReadFileBytes(const std::wstring& path) {
     while (ReadFile(file, chunk, sizeof(chunk), &read, nullptr) && read > 0) content.append(chunk, read);
     CloseHandle(file);
     return content;
+}
+
+SIZE_T PrivateBytes() {
+    PROCESS_MEMORY_COUNTERS_EX counters = {};
+    counters.cb = sizeof(counters);
+    if (!GetProcessMemoryInfo(GetCurrentProcess(), reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&counters),
+                              sizeof(counters)))
+        return 0;
+    return counters.PrivateUsage;
 }
 
 }  // namespace qvtest

@@ -26,4 +26,8 @@ bool WriteFileBytes(const std::wstring& path, const std::string& content);
 // The whole file as bytes; empty if it cannot be read.
 std::string ReadFileBytes(const std::wstring& path);
 
+// The process's private bytes (commit charge), for checks that an operation
+// did not grow memory.
+SIZE_T PrivateBytes();
+
 }  // namespace qvtest
