@@ -136,6 +136,12 @@ bool RefServerInstance::AddFaults(const std::string& faultsJson) {
     return status == 200;
 }
 
+bool RefServerInstance::ClearFaults() {
+    int status = 0;
+    ControlCall("DELETE", "/instances/" + std::to_string(m_id) + "/faults", std::string(), &status);
+    return status == 200;
+}
+
 bool RefServerInstance::Configure(const std::string& configJson) {
     int status = 0;
     ControlCall("POST", "/instances/" + std::to_string(m_id) + "/config", configJson, &status);

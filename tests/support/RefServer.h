@@ -36,6 +36,8 @@ public:
 
     // Adds fault rules (a JSON array or object; see tools/refserver/faults.py).
     bool AddFaults(const std::string& faultsJson);
+    // Removes every fault rule not yet used up.
+    bool ClearFaults();
     // Replaces parts of the state (same form as the constructor's config).
     bool Configure(const std::string& configJson);
     std::vector<RecordedRequest> Requests();
