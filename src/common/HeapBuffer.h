@@ -15,13 +15,14 @@ inline void SecureWipe(void* data, size_t size) noexcept {
     if (data && size) SecureZeroMemory(data, size);
 }
 
-inline void SecureWipe(std::wstring& text) noexcept {
-    if (!text.empty()) SecureZeroMemory(&text[0], text.size() * sizeof(wchar_t));
-    text.clear();
-}
-
-inline void SecureWipe(std::string& text) noexcept {
-    if (!text.empty()) SecureZeroMemory(&text[0], text.size());
+// Wipes a string's whole block and empties it. The spare capacity is wiped
+// too: it may still hold what an earlier, longer text left there. Growing to
+// the capacity reuses the block (no allocation) and makes all of it
+// addressable. The block itself stays allocated.
+template <typename Char, typename Traits, typename Alloc>
+inline void SecureWipe(std::basic_string<Char, Traits, Alloc>& text) noexcept {
+    text.resize(text.capacity());
+    if (!text.empty()) SecureZeroMemory(&text[0], text.size() * sizeof(Char));
     text.clear();
 }
 
