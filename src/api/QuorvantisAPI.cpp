@@ -1,5 +1,7 @@
 #include "api/QuorvantisAPI.h"
 
+#include <malloc.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <cwchar>
@@ -161,7 +163,9 @@ void WINAPI Close(DWORD handle) {
 
 void WINAPI BufferFree(void* buffer) {
     WSCLOG(4, L"BufferFree IN");
-    std::free(buffer);
+    // The host returns HMAC keys and password digests here as well: every
+    // block is wiped, whole, before it is freed.
+    if (buffer) qv::FreeSecret(buffer, _msize(buffer));
     WSCLOG(4, L"BufferFree OUT");
 }
 

@@ -3,6 +3,7 @@
 #include <cstdlib>
 
 #include "common/HeapBuffer.h"
+#include "common/SecretString.h"
 #include "crypto/Base64.h"
 #include "log/StringConv.h"
 #include "log/WSCLog.h"
@@ -56,8 +57,9 @@ DWORD Auth_Basic::MakeRstData(const AuthCredential* credential, std::wstring* pa
     }
 
     // The values go in verbatim: the fragment travels Base64-encoded and this
-    // side never parses it, so nothing in it needs escaping.
-    std::wstring fragment;
+    // side never parses it, so nothing in it needs escaping. It holds the
+    // password: every block it grows out of is wiped when it moves.
+    qv::SecretWString fragment;
     fragment.append(L"<wls:ID>").append(credential->UserID).append(L"</wls:ID>");
     fragment.append(L"<wls:PASSWORD>").append(credential->Password).append(L"</wls:PASSWORD>");
     fragment.append(L"<wls:Domain>").append(credential->Domain).append(L"</wls:Domain>");

@@ -10,6 +10,8 @@ wchar_t* ConvertMultiToWide(const char* source) {
     auto* buffer = static_cast<wchar_t*>(std::calloc(static_cast<size_t>(length) + 1, sizeof(wchar_t)));
     if (!buffer) return nullptr;
     if (MultiByteToWideChar(CP_UTF8, 0, source, -1, buffer, length) <= 0) {
+        // A failed conversion may have written part of a secret.
+        SecureZeroMemory(buffer, (static_cast<size_t>(length) + 1) * sizeof(wchar_t));
         std::free(buffer);
         return nullptr;
     }
@@ -24,6 +26,8 @@ char* ConvertWideToMulti(const wchar_t* source, UINT codePage, DWORD* outLength)
     auto* buffer = static_cast<char*>(std::calloc(static_cast<size_t>(length) + 1, 1));
     if (!buffer) return nullptr;
     if (WideCharToMultiByte(codePage, 0, source, -1, buffer, length, nullptr, nullptr) <= 0) {
+        // A failed conversion may have written part of a secret.
+        SecureZeroMemory(buffer, static_cast<size_t>(length) + 1);
         std::free(buffer);
         return nullptr;
     }

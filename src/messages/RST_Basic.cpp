@@ -1,6 +1,7 @@
 #include "messages/RST_Basic.h"
 
 #include "Quorvantis.h"
+#include "common/HeapBuffer.h"
 #include "soap/SoapRequest.h"
 
 namespace {
@@ -9,6 +10,8 @@ constexpr const wchar_t* kClassName = L"RST_Basic";
 
 RST_Basic::RST_Basic(const std::wstring& info, const std::wstring& authType, const std::wstring& authenticationData)
     : m_wstrInfo(info), m_wstrAuthType(authType), m_wstrAuthenticationData(authenticationData) {}
+
+RST_Basic::~RST_Basic() { qv::SecureWipe(m_wstrAuthenticationData); }
 
 DWORD RST_Basic::Serialize(SoapRequest* request) {
     // The body carries the user's password (inside the authentication data).

@@ -8,6 +8,10 @@
 class RST_Basic : public WSRequest {
 public:
     RST_Basic(const std::wstring& info, const std::wstring& authType, const std::wstring& authenticationData);
+    // The authentication data carries the password: wiped.
+    ~RST_Basic();
+    RST_Basic(const RST_Basic&) = delete;
+    RST_Basic& operator=(const RST_Basic&) = delete;
     DWORD Serialize(SoapRequest* request) override;
     DWORD Deserialize(SoapResponse* response, const wchar_t* mimeBoundary) override;
 

@@ -3,12 +3,16 @@
 #include <new>
 
 #include "common/HeapBuffer.h"
+#include "common/SecretString.h"
 #include "log/WSCLog.h"
 #include "soap/Namespaces.h"
 #include "soap/SoapRequest.h"
 
 namespace {
 constexpr const wchar_t* kClassName = L"RST_Basic2";
+// More than the markup around and after the three values, so that the body
+// never moves to a larger block once the password is in it.
+constexpr size_t kCredentialsMarkupChars = 256;
 }  // namespace
 
 RST_Basic2::RST_Basic2(const std::wstring& info, const std::wstring& authType, const AuthCredential* credential)
@@ -21,28 +25,32 @@ DWORD RST_Basic2::Serialize(SoapRequest* request) {
             WSCLOG(1, L"RST_Basic2::Serialize PARAMETER ZEB_ERROR = %08x", ZEB_ERROR_INVALID_PARAMETER);
             return ZEB_ERROR_INVALID_PARAMETER;
         }
+        // The password as given and escaped: both copies are wiped on every
+        // way out (a plain const wchar_t* argument would make an unwiped
+        // temporary).
+        std::wstring given;
         std::wstring password;
-        try {
-            envelope.header = PlainHeader(ns::kWstIssueAction);
-            // Info holds the user's domain and the credentials are the user's:
-            // escaped. AuthType is the policy's: as it is.
-            std::wstring& body = envelope.body;
-            BeginIssueRequest(body, SoapRequest::SanitizeUserInputStr(m_wstrInfo), m_wstrAuthType);
-            password = SoapRequest::SanitizeUserInputStr(m_pCredential->Password);
-            body += L"<wls:BasicAuthenticationData><wls:Id>";
-            body += SoapRequest::SanitizeUserInputStr(m_pCredential->UserID);
-            body += L"</wls:Id><wls:Password>";
-            body += password;
-            body += L"</wls:Password><wls:Domain>";
-            body += SoapRequest::SanitizeUserInputStr(m_pCredential->Domain);
-            body += L"</wls:Domain></wls:BasicAuthenticationData>";
-            EndIssueRequest(body);
-            envelope.action = ns::kWstIssueAction;
-        } catch (const std::bad_alloc&) {
-            qv::SecureWipe(password);
-            throw;
-        }
-        qv::SecureWipe(password);
+        qv::ScopedWipe<std::wstring> wipeGiven(given);
+        qv::ScopedWipe<std::wstring> wipePassword(password);
+        envelope.header = PlainHeader(ns::kWstIssueAction);
+        // Info holds the user's domain and the credentials are the user's:
+        // escaped. AuthType is the policy's: as it is.
+        std::wstring& body = envelope.body;
+        BeginIssueRequest(body, SoapRequest::SanitizeUserInputStr(m_wstrInfo), m_wstrAuthType);
+        given = m_pCredential->Password;
+        password = SoapRequest::SanitizeUserInputStr(given);
+        const std::wstring userId = SoapRequest::SanitizeUserInputStr(m_pCredential->UserID);
+        const std::wstring domain = SoapRequest::SanitizeUserInputStr(m_pCredential->Domain);
+        body.reserve(body.size() + userId.size() + password.size() + domain.size() + kCredentialsMarkupChars);
+        body += L"<wls:BasicAuthenticationData><wls:Id>";
+        body += userId;
+        body += L"</wls:Id><wls:Password>";
+        body += password;
+        body += L"</wls:Password><wls:Domain>";
+        body += domain;
+        body += L"</wls:Domain></wls:BasicAuthenticationData>";
+        EndIssueRequest(body);
+        envelope.action = ns::kWstIssueAction;
         return 0;
     });
 }

@@ -1,6 +1,7 @@
 #include "soap/SoapRequest.h"
 
 #include "common/ComString.h"
+#include "common/HeapBuffer.h"
 #include "log/WSCLog.h"
 #include "soap/Namespaces.h"
 
@@ -10,6 +11,9 @@ constexpr const wchar_t* kXmlDeclaration = L"<?xml version=\"1.0\" encoding=\"ut
 constexpr const wchar_t* kMimeBoundaryPrefix = L"----MIMEBoundary";
 constexpr const wchar_t* kEmptyWsaTo = L"<wsa:To></wsa:To>";
 constexpr size_t kWsaToStartTagLength = 8;  // "<wsa:To>"
+// More than the declaration, the MIME framing and the envelope's own markup
+// with its namespace declarations.
+constexpr size_t kEnvelopeFrameChars = 2048;
 constexpr const wchar_t* kFaultValueXPath = L"soap:Body/soap:Fault/soap:Code/soap:Subcode/soap:Value";
 
 // One entity per character that XML text and attribute values must not carry
@@ -88,12 +92,25 @@ SoapRequest::SoapRequest(const std::wstring& hostName, USHORT port, USHORT secur
 
 SoapRequest::~SoapRequest() {
     WSCLOG(4, L"SoapRequest::~SoapRequest IN");
+    // A login's body carries the password or an answer made from it.
+    qv::SecureWipe(m_wstrSoapBody);
     WSCLOG(4, L"SoapRequest::~SoapRequest OUT");
 }
 
 std::wstring SoapRequest::GetSoapEnvelope(std::wstring& envelope, BOOL sslMode, const std::wstring& mtomId) {
     WSCLOG(4, L"SoapRequest::GetSoapEnvelope IN");
-    std::wstring text = kXmlDeclaration;
+    std::wstring url = sslMode ? L"https://" : L"http://";
+    url += m_wstrHostName;
+    url += L":";
+    url += std::to_wstring(sslMode ? m_usSecurePort : m_usPort);
+    url += m_wstrServicePath;
+
+    // The body may carry a password: the text gets one block large enough
+    // for all of it, so that no step leaves a partial copy in a smaller one.
+    std::wstring text;
+    text.reserve(kEnvelopeFrameChars + 3 * mtomId.size() + url.size() + m_wstrSoapHeader.size() +
+                 m_wstrSoapBody.size());
+    text = kXmlDeclaration;
     const bool mtom = !mtomId.empty();
     if (mtom) {
         // The root part of an MTOM message carries no XML declaration.
@@ -130,11 +147,6 @@ std::wstring SoapRequest::GetSoapEnvelope(std::wstring& envelope, BOOL sslMode, 
 
     // Only the first empty wsa:To is addressed; a message without one is sent
     // as it is.
-    std::wstring url = sslMode ? L"https://" : L"http://";
-    url += m_wstrHostName;
-    url += L":";
-    url += std::to_wstring(sslMode ? m_usSecurePort : m_usPort);
-    url += m_wstrServicePath;
     const size_t at = text.find(kEmptyWsaTo);
     if (at != std::wstring::npos) text.insert(at + kWsaToStartTagLength, url);
 
@@ -153,8 +165,15 @@ std::wstring SoapRequest::GetSoapEnvelope(std::wstring& envelope, BOOL sslMode, 
 std::wstring SoapRequest::SanitizeUserInputStr(const std::wstring& text) {
     WSCLOG(4, L"SoapRequest::SanitizeUserInputStr IN");
     WSCLOG(5, L"SoapRequest::SanitizeUserInputStr. Before Sanitizing = %s", text.c_str());
+    // The text may be a password: the result is sized exactly first, so that
+    // it never moves to a larger block and leaves a partial copy behind.
+    size_t length = 0;
+    for (wchar_t c : text) {
+        const wchar_t* entity = c < 0x20 ? nullptr : EntityFor(c);
+        length += entity ? std::char_traits<wchar_t>::length(entity) : 1;
+    }
     std::wstring result;
-    result.reserve(text.size());
+    result.reserve(length);
     for (wchar_t c : text) {
         if (c < 0x20) {
             WSCLOG(5, L"wcSrcStr =%s", text.c_str());

@@ -5,6 +5,7 @@
 
 #include <string>
 
+#include "common/HeapBuffer.h"
 #include "soap/SoapMessage.h"
 
 class SoapRequest : public SoapMessage {
@@ -13,7 +14,12 @@ public:
     ~SoapRequest() override;
 
     void SetSoapHeader(const std::wstring& header) { m_wstrSoapHeader = header; }
-    void SetSoapBody(const std::wstring& body) { m_wstrSoapBody = body; }
+    // The body may carry a secret: a body it replaces is wiped first, and the
+    // destructor wipes the last one.
+    void SetSoapBody(const std::wstring& body) {
+        qv::SecureWipe(m_wstrSoapBody);
+        m_wstrSoapBody = body;
+    }
     void SetAction(const std::wstring& action) { m_wstrAction = action; }
     std::wstring GetAction() const { return m_wstrAction; }
     const std::wstring& GetSoapHeader() const { return m_wstrSoapHeader; }

@@ -4,6 +4,8 @@
 #include <new>
 
 #include "Quorvantis.h"
+#include "common/HeapBuffer.h"
+#include "common/SecretString.h"
 #include "config/AddinSettings.h"
 #include "log/WSCLog.h"
 #include "soap/SoapRequest.h"
@@ -84,8 +86,14 @@ DWORD CSoapTrans::Request(SoapRequest* request, SoapResponse* response, const st
                ZEB_ERROR_GENERAL_INVALID_INSTANCE);
         return ZEB_ERROR_GENERAL_INVALID_INSTANCE;
     }
+    // The envelope of a login carries the password or an answer made from it:
+    // both copies are wiped on every way out.
     std::wstring envelope;
-    request->GetSoapEnvelope(envelope, m_pWinHttp->GetSSLMode(), mtomId);
+    qv::ScopedWipe<std::wstring> wipeEnvelope(envelope);
+    {
+        std::wstring returned = request->GetSoapEnvelope(envelope, m_pWinHttp->GetSSLMode(), mtomId);
+        qv::SecureWipe(returned);
+    }
     std::wstring action = request->GetAction();
 
     std::wstring responseContent;
@@ -140,7 +148,11 @@ DWORD CSoapTrans::RedirectedRequest(SoapRequest* request, const std::wstring& ac
 
     m_bSSLMode = TRUE;
     std::wstring secureEnvelope;
-    request->GetSoapEnvelope(secureEnvelope, TRUE, mtomId);
+    qv::ScopedWipe<std::wstring> wipeEnvelope(secureEnvelope);
+    {
+        std::wstring returned = request->GetSoapEnvelope(secureEnvelope, TRUE, mtomId);
+        qv::SecureWipe(returned);
+    }
     (void)envelope;  // replaced: its addressing names the plain URL
 
     DWORD attempts = 0;

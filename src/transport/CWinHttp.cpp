@@ -337,7 +337,9 @@ DWORD CWinHttp::_SendRequest(const std::wstring& action, const std::wstring& env
     }
 
     DWORD bodyLength = 0;
-    qv::CharBuffer body(ConvertWideToMulti(envelope.c_str(), CP_UTF8, &bodyLength), 0);
+    // The envelope of a login carries the password or an answer made from it.
+    char* converted = ConvertWideToMulti(envelope.c_str(), CP_UTF8, &bodyLength);
+    qv::SecretChars body(converted, converted ? static_cast<size_t>(bodyLength) + 1 : 0);
     if (!body) {
         WSCLOG(1, L"CWinHttp::_SendRequest ConvertWideToMulti ZEB_ERROR = %08x", ZEB_ERROR_OUTOFMEMORY);
         return ZEB_ERROR_OUTOFMEMORY;
