@@ -1,0 +1,186 @@
+// Secrets are wiped before their memory is freed. What these tests can look
+// at, and how:
+// - the wiping string allocator and SecureWipe: through a heap whose free is
+//   observed (every block must be all zeros when it is given back);
+// - the NTLM identity record: in the object's own storage after the
+//   destructor ran (the object is built in a buffer the test owns);
+// - the Basic2 login message and its request envelope: by scanning the C
+//   runtime's heap, busy and free blocks, for the password once every object
+//   is gone (support/HeapScan.h says what such a scan cannot see).
+// Copies made by the platform (WinHTTP, CryptoAPI, SSPI) and stack frames are
+// out of reach here.
+#include <gtest/gtest.h>
+#include <windows.h>
+#include <wincrypt.h>
+
+#include <cstring>
+#include <new>
+#include <string>
+#include <vector>
+
+#include "auth/Auth_NTLM.h"
+#include "auth/AuthTestAccess.h"
+#include "common/HeapBuffer.h"
+#include "common/SecretString.h"
+#include "messages/RST_Basic2.h"
+#include "soap/SoapRequest.h"
+#include "support/HeapScan.h"
+
+namespace {
+
+bool AllZero(const void* data, size_t size) {
+    const BYTE* bytes = static_cast<const BYTE*>(data);
+    for (size_t i = 0; i < size; ++i)
+        if (bytes[i]) return false;
+    return true;
+}
+
+// A heap that checks each block as it is freed.
+struct ObservedHeap {
+    static int frees;
+    static int dirtyFrees;
+    static void* Allocate(size_t bytes) noexcept { return std::malloc(bytes); }
+    static void Free(void* block, size_t bytes) noexcept {
+        ++frees;
+        if (!AllZero(block, bytes)) ++dirtyFrees;
+        std::free(block);
+    }
+};
+int ObservedHeap::frees = 0;
+int ObservedHeap::dirtyFrees = 0;
+
+using ObservedSecret = qv::BasicSecretWString<ObservedHeap>;
+
+TEST(Secrets, WipingAllocatorWipesEveryBlockAGrowingStringLeaves) {
+    ObservedHeap::frees = ObservedHeap::dirtyFrees = 0;
+    {
+        ObservedSecret text;
+        // Appending piece by piece moves the text to larger blocks several
+        // times; each block left behind must come back wiped.
+        for (int i = 0; i < 40; ++i) text.append(L"password-piece-");
+        EXPECT_EQ(text.size(), 40u * 15u);
+    }
+    EXPECT_GE(ObservedHeap::frees, 3);  // the moves, then the last block
+    EXPECT_EQ(ObservedHeap::dirtyFrees, 0);
+}
+
+TEST(Secrets, WipingAllocatorWipesACopyAndItsAssignedBlock) {
+    ObservedHeap::frees = ObservedHeap::dirtyFrees = 0;
+    {
+        ObservedSecret first(L"a first secret that is long enough for the heap");
+        ObservedSecret second = first;
+        second.assign(200, L'x');  // a larger block replaces the copy's
+    }
+    EXPECT_EQ(ObservedHeap::frees, 3);
+    EXPECT_EQ(ObservedHeap::dirtyFrees, 0);
+}
+
+TEST(Secrets, SecureWipeClearsSpareCapacityToo) {
+    std::wstring text(L"an earlier and much longer secret text than what follows it");
+    const size_t capacity = text.capacity();
+    text.assign(L"short");  // same block: the old tail is still in it
+    ASSERT_EQ(text.capacity(), capacity);
+    qv::SecureWipe(text);
+    EXPECT_TRUE(text.empty());
+    EXPECT_EQ(text.capacity(), capacity);
+    text.resize(capacity);  // every character of the block, now readable
+    EXPECT_TRUE(AllZero(text.data(), capacity * sizeof(wchar_t)));
+}
+
+TEST(Secrets, ScopedWipeWipesOnEveryWayOut) {
+    ObservedHeap::frees = ObservedHeap::dirtyFrees = 0;
+    ObservedSecret text(L"a secret that lives on the heap for a while");
+    try {
+        qv::ScopedWipe<ObservedSecret> wipe(text);
+        throw std::bad_alloc();
+    } catch (const std::bad_alloc&) {
+    }
+    EXPECT_TRUE(text.empty());
+    text.resize(text.capacity());
+    EXPECT_TRUE(AllZero(text.data(), text.size() * sizeof(wchar_t)));
+}
+
+// The NTLM identity record points into the caller's strings, password
+// included: an exchange abandoned after its first leg (the login client
+// deletes the mechanism whatever happened) is wiped by the destructor.
+TEST(Secrets, NtlmIdentityIsWipedByTheDestructor) {
+    alignas(Auth_NTLM) unsigned char storage[sizeof(Auth_NTLM)];
+    Auth_NTLM* auth = new (storage) Auth_NTLM();
+    wchar_t user[] = L"jsmith";
+    wchar_t password[] = L"Secret-1";
+    wchar_t domain[] = L"CORP";
+    AuthCredential credential = {user, password, domain};
+    std::wstring payload;
+    ASSERT_EQ(Auth_NTLMTest::MakeRstData(*auth, AUTH_FLAG_EXPLICIT_CREDENTIAL, &credential, &payload), 0u);
+    const SEC_WINNT_AUTH_IDENTITY_W& identity = Auth_NTLMTest::Identity(*auth);
+    ASSERT_EQ(reinterpret_cast<wchar_t*>(identity.Password), password);
+    const size_t offset = reinterpret_cast<const unsigned char*>(&identity) - storage;
+    ASSERT_LE(offset + sizeof(SEC_WINNT_AUTH_IDENTITY_W), sizeof(storage));
+
+    auth->~Auth_NTLM();
+    // The storage is the test's own: the record's bytes are still readable.
+    EXPECT_TRUE(AllZero(storage + offset, sizeof(SEC_WINNT_AUTH_IDENTITY_W)));
+    EXPECT_STREQ(password, L"Secret-1");  // the caller's strings are the caller's
+}
+
+// Random hex digits into `out` (count characters).
+bool RandomHex(wchar_t* out, size_t count) {
+    HCRYPTPROV prov = 0;
+    if (!CryptAcquireContextW(&prov, nullptr, nullptr, PROV_RSA_FULL, CRYPT_VERIFYCONTEXT)) return false;
+    bool ok = true;
+    static const wchar_t kDigits[] = L"0123456789abcdef";
+    for (size_t i = 0; i < count && ok; ++i) {
+        BYTE b = 0;
+        ok = CryptGenRandom(prov, 1, &b) != FALSE;
+        out[i] = kDigits[b & 0x0F];
+        SecureZeroMemory(&b, 1);
+    }
+    CryptReleaseContext(prov, 0);
+    return ok;
+}
+
+// The Basic2 message escapes the password into its body; the body goes into
+// the request, and the request makes the envelope the transport sends. Once
+// the message and the request are gone (and the envelope texts were wiped, as
+// the transport does), no copy of the password is left in the heap: not of
+// the text as given, not of its escaped form, not of a partial copy left
+// when a string grew.
+TEST(Secrets, Basic2EnvelopeLeavesNoCopyOfThePassword) {
+    qvtest::SecretArena arena;
+    ASSERT_TRUE(arena.Ok());
+    // <12 hex>&<"<16 hex>: the escaping makes the text grow.
+    wchar_t* password = arena.TakeWide(40);
+    ASSERT_TRUE(RandomHex(password, 12));
+    wcscpy(password + 12, L"&<\"");
+    ASSERT_TRUE(RandomHex(password + 15, 16));
+    wchar_t* user = arena.TakeWide(16);
+    wcscpy(user, L"keeper");
+    wchar_t* domain = arena.TakeWide(16);
+    wcscpy(domain, L"LAB");
+    AuthCredential credential = {user, password, domain};
+
+    // The last 14 characters: both the given and the escaped text end so.
+    BYTE* tail = static_cast<BYTE*>(arena.Take(14 * sizeof(wchar_t)));
+    std::memcpy(tail, password + 17, 14 * sizeof(wchar_t));
+    const std::vector<qvtest::Needle> needles = {{"password tail (UTF-16)", tail, 14 * sizeof(wchar_t)}};
+    std::vector<qvtest::HeapHit> hits;
+    hits.reserve(16);
+
+    {
+        SoapRequest request(L"127.0.0.1", 8000, 8443, L"/wls/STSServer.actv");
+        {
+            RST_Basic2 message(L"LAB", L"Basic2", &credential);
+            ASSERT_EQ(message.Serialize(&request), 0u);
+        }
+        // While the request lives, its body holds the escaped password.
+        ASSERT_NE(request.GetSoapBody().find(L"&amp;&lt;&quot;"), std::wstring::npos);
+        std::wstring envelope;
+        std::wstring returned = request.GetSoapEnvelope(envelope, FALSE, L"");
+        ASSERT_NE(envelope.find(L"<wls:Password>"), std::wstring::npos);
+        qv::SecureWipe(returned);
+        qv::SecureWipe(envelope);
+    }
+    EXPECT_EQ(qvtest::ScanCrtHeap(needles, hits), 0u) << qvtest::DescribeHits(hits);
+}
+
+}  // namespace
