@@ -19,6 +19,8 @@ constexpr const wchar_t* kAssertionXPath =
     L"soap:Body/wst:RequestSecurityTokenResponse/wst:RequestedSecurityToken/samlv11:Assertion";
 constexpr const wchar_t* kChallengeXPath = L"soap:Body/wst:RequestSecurityTokenResponse/wls:AuthenticationData";
 constexpr const wchar_t* kContextXPath = L"soap:Body/wst:RequestSecurityTokenResponse/@wst:Context";
+// More than the markup around and after an issue request's authentication data.
+constexpr size_t kIssueRequestTailChars = 128;
 
 void AppendAuthenticationData(std::wstring& body, const std::wstring& authenticationData) {
     body += L"<wls:AuthenticationData>";
@@ -144,6 +146,9 @@ void WSRequest::MakeIssueRequest(Envelope& envelope, const std::wstring& info, c
                                  const std::wstring& authenticationData) {
     envelope.header = PlainHeader(ns::kWstIssueAction);
     BeginIssueRequest(envelope.body, info, authType);
+    // Basic's authentication data carries the password: once it is in, the
+    // body must not move to a larger block and leave a copy behind.
+    envelope.body.reserve(envelope.body.size() + authenticationData.size() + kIssueRequestTailChars);
     AppendAuthenticationData(envelope.body, authenticationData);
     EndIssueRequest(envelope.body);
     envelope.action = ns::kWstIssueAction;

@@ -5,10 +5,15 @@
 // rendered once by the reference server's answer builders, then replayed), so
 // the run measures the add-in and not a Python server.
 //
-// The default size fits the CI budget. A longer run, for the figures:
-//   QV_STRESS_THREADS=16 QV_STRESS_FLOWS=2000 scripts/test -R Stress
-// (or build/bin/test_api.exe --gtest_filter=Stress.* under scripts/wine-run,
-// which has no ctest time-out). Each run prints its figures.
+// The default size (16 threads x 200 flows) fits the CI budget. A longer run,
+// for the figures, outside ctest and its time-out (the reference server only
+// renders the answers once, at the start):
+//   scripts/refserver-ctl start build
+//   cd build/bin
+//   QV_BUILD_DIR=$PWD/.. QV_STRESS_FLOWS=1000 ../../scripts/wine-run test_api.exe --gtest_filter=Stress.*
+//   cd ../..
+//   scripts/refserver-ctl stop build
+// Each run prints its figures.
 #include "CannedResponder.h"
 
 #include <gtest/gtest.h>
@@ -86,6 +91,15 @@ DWORD HandleCount() {
         buffer.resize(std::max<size_t>(buffer.size() * 2, needed + 4096));
     }
     return 0;
+}
+
+// User + kernel time of the whole process (the responder's thread included),
+// in seconds.
+double ProcessCpuSeconds() {
+    FILETIME created, exited, kernel, user;
+    if (!GetProcessTimes(GetCurrentProcess(), &created, &exited, &kernel, &user)) return 0;
+    auto toU64 = [](const FILETIME& t) { return (static_cast<ULONGLONG>(t.dwHighDateTime) << 32) | t.dwLowDateTime; };
+    return static_cast<double>(toU64(kernel) + toU64(user)) / 1e7;
 }
 
 // The DLL, loaded by name from the program's folder as a driver loads it.
@@ -235,16 +249,20 @@ TEST(Stress, ConcurrentWholeFlowsLeaveNothingBehind) {
     const DWORD handlesBefore = HandleCount();
 
     RunTally tally;
+    const double cpu0 = ProcessCpuSeconds();
     const auto t0 = std::chrono::steady_clock::now();
     RunFlows(zeb, threads, flows, tally);
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    const double cpuSeconds = ProcessCpuSeconds() - cpu0;
     Sleep(200);
     const SIZE_T privateAfter = PrivateBytes();
     const DWORD handlesAfter = HandleCount();
 
-    std::printf("stress: %d threads x %d flows = %ld whole flows (%s exchanges in all) in %.1f s, %.0f flows/s\n",
+    std::printf("stress: %d threads x %d flows = %ld whole flows (%s exchanges in all) in %.1f s, %.0f flows/s, "
+                "process CPU %.1f s (%.2f ms per flow)\n",
                 threads, flows, tally.flows.load(), std::to_string(server.Requests()).c_str(), seconds,
-                seconds > 0 ? tally.flows.load() / seconds : 0.0);
+                seconds > 0 ? tally.flows.load() / seconds : 0.0, cpuSeconds,
+                tally.flows.load() ? cpuSeconds * 1000.0 / tally.flows.load() : 0.0);
     std::printf("stress: private bytes %.1f KiB before, %.1f KiB after; handles %lu before, %lu after\n",
                 privateBefore / 1024.0, privateAfter / 1024.0, handlesBefore, handlesAfter);
     std::fflush(stdout);
