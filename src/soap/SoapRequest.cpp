@@ -4,6 +4,7 @@
 #include "common/HeapBuffer.h"
 #include "log/WSCLog.h"
 #include "soap/Namespaces.h"
+#include "soap/UserInputEscape.h"
 
 namespace {
 
@@ -15,26 +16,6 @@ constexpr size_t kWsaToStartTagLength = 8;  // "<wsa:To>"
 // with its namespace declarations.
 constexpr size_t kEnvelopeFrameChars = 2048;
 constexpr const wchar_t* kFaultValueXPath = L"soap:Body/soap:Fault/soap:Code/soap:Subcode/soap:Value";
-
-// One entity per character that XML text and attribute values must not carry
-// verbatim; control characters are handled apart (they become a blank).
-struct Escape {
-    wchar_t character;
-    const wchar_t* entity;
-};
-constexpr Escape kEscapes[] = {
-    {L'"', L"&quot;"},
-    {L'&', L"&amp;"},
-    {L'\'', L"&#39;"},
-    {L'<', L"&lt;"},
-    {L'>', L"&gt;"},
-};
-
-const wchar_t* EntityFor(wchar_t c) {
-    for (const Escape& row : kEscapes)
-        if (row.character == c) return row.entity;
-    return nullptr;
-}
 
 // The prefix that the fault's soap:Value element itself declares for `uri`.
 // Declarations on its ancestors are deliberately not looked at. Every DOM
@@ -165,27 +146,13 @@ std::wstring SoapRequest::GetSoapEnvelope(std::wstring& envelope, BOOL sslMode, 
 std::wstring SoapRequest::SanitizeUserInputStr(const std::wstring& text) {
     WSCLOG(4, L"SoapRequest::SanitizeUserInputStr IN");
     WSCLOG(5, L"SoapRequest::SanitizeUserInputStr. Before Sanitizing = %s", text.c_str());
-    // The text may be a password: the result is sized exactly first, so that
-    // it never moves to a larger block and leaves a partial copy behind.
-    size_t length = 0;
-    for (wchar_t c : text) {
-        const wchar_t* entity = c < 0x20 ? nullptr : EntityFor(c);
-        length += entity ? std::char_traits<wchar_t>::length(entity) : 1;
-    }
-    std::wstring result;
-    result.reserve(length);
-    for (wchar_t c : text) {
-        if (c < 0x20) {
-            WSCLOG(5, L"wcSrcStr =%s", text.c_str());
-            result += L' ';
-        } else if (const wchar_t* entity = EntityFor(c)) {
-            result += entity;
-        } else if (c == 0x7F) {
-            result += L' ';
-        } else {
-            result += c;
-        }
-    }
+    // The text may be a password: the escaping sizes its result exactly
+    // first, and the result is returned without a copy, so no partial or
+    // second copy is left behind.
+    size_t blanked = 0;
+    std::wstring result = qv::EscapeUserInput(text, &blanked);
+    // One line per control character replaced, as the escaping always logged.
+    for (size_t i = 0; i < blanked; ++i) WSCLOG(5, L"wcSrcStr =%s", text.c_str());
     WSCLOG(5, L"SoapRequest::SanitizeUserInputStr. After Sanitizing = %s", result.c_str());
     WSCLOG(4, L"SoapRequest::SanitizeUserInputStr OUT");
     return result;
