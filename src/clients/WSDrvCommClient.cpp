@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cwchar>
 
+#include "clients/ActFlagTable.h"
 #include "common/HeapBuffer.h"
 #include "config/AddinSettings.h"
 #include "crypto/Base64.h"
@@ -16,27 +17,6 @@
 #include "transport/CSoapTrans.h"
 
 namespace {
-
-// ACT flag bit -> the ACV value the device service knows it by. The row order
-// is the order of the values on the wire and must not be sorted.
-struct FlagValueRow {
-    DWORD flag;
-    int value;
-};
-constexpr FlagValueRow kFlagValues[] = {
-    {0x00000002, 257},
-    {0x00000004, 258},
-    {0x00000001, 256},  // after 257 and 258, as the service expects
-    {0x00000200, 513},
-    {0x00000400, 514},
-    {0x00000800, 515},
-    {0x00001000, 516},
-    {0x00002000, 517},
-    {0x00000100, 512},  // after 513-517
-    {0x00020000, 769},
-    {0x00040000, 770},
-    {0x00010000, 768},  // after 769 and 770
-};
 
 constexpr ALG_ID kKeyCrypterAlgorithm = 26115;  // CALG_3DES: a key container good for RSA encryption
 // The MTOM argument is a constant on purpose: the exchange needs only some id.
@@ -115,15 +95,9 @@ void WSDrvCommClient::ConvertFlagToValue(DWORD actFlags, std::deque<std::wstring
     if (!values) return;
     values->clear();
     wchar_t text[128];
-    if (actFlags == 0) {
-        swprintf(text, 128, L"%d", 0);
+    for (int value : qv::ActValuesForFlags(actFlags)) {
+        swprintf(text, 128, L"%d", value);
         values->push_back(text);
-    } else {
-        for (const FlagValueRow& row : kFlagValues) {
-            if (!(actFlags & row.flag)) continue;
-            swprintf(text, 128, L"%d", row.value);
-            values->push_back(text);
-        }
     }
     WSCLOG(4, L"WSDrvCommClient::ConvertFlagToValue OUT");
 }
