@@ -14,13 +14,6 @@ namespace {
 
 constexpr const wchar_t* kClassName = L"Auth_SDL2";
 
-int HexDigitValue(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return -1;
-}
-
 }  // namespace
 
 Auth_SDL2::Auth_SDL2() : m_pSoapTrans(nullptr) {
@@ -217,15 +210,8 @@ DWORD Auth_SDL2::ToByteArray(const char* text, DWORD size, BYTE** bytes, DWORD* 
         WSCLOG(1, L"Auth_SDL2::ToByteArray malloc ZEB_ERROR = %08x", ZEB_ERROR_OUTOFMEMORY);
         return ZEB_ERROR_OUTOFMEMORY;
     }
-    // Each pair is read as a base-16 number: reading stops at the first
-    // character that is no hex digit, as a numeric parse would.
-    for (DWORD i = 0; i < size / 2; ++i) {
-        int high = HexDigitValue(text[2 * i]);
-        int low = HexDigitValue(text[2 * i + 1]);
-        BYTE value = 0;
-        if (high >= 0) value = static_cast<BYTE>(low >= 0 ? high * 16 + low : high);
-        buffer[i] = value;
-    }
+    // Reading a pair stops at its first character that is no hex digit.
+    qv::HexPairsToBytes(text, size / 2, buffer);
     *bytes = buffer;
     *byteSize = size / 2;
     WSCLOG(4, L"Auth_SDL2::ToByteArray OUT");

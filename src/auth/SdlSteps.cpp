@@ -127,17 +127,6 @@ DWORD HashMD5(const wchar_t* className, KeyCrypter& crypter, const BYTE* data, D
     return 0;
 }
 
-char* HexText(const BYTE* data, DWORD size) {
-    auto* hex = static_cast<char*>(std::calloc(static_cast<size_t>(size) * 2 + 1, 1));
-    if (!hex) return nullptr;
-    static const char kHexDigits[] = "0123456789abcdef";
-    for (DWORD i = 0; i < size; ++i) {
-        hex[2 * i] = kHexDigits[data[i] >> 4];
-        hex[2 * i + 1] = kHexDigits[data[i] & 0x0F];
-    }
-    return hex;
-}
-
 HostDigestStatus MakeHostDigest(const char* hex, DWORD hexLength, BYTE** wideText, DWORD* byteSize) {
     wchar_t* wideRaw = ConvertMultiToWide(hex);
     size_t textBytes = static_cast<size_t>(hexLength) * sizeof(wchar_t) + sizeof(wchar_t);

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "Quorvantis.h"
+#include "auth/HexDigest.h"
 #include "common/HeapBuffer.h"
 
 class KeyCrypter;
@@ -53,10 +54,6 @@ DWORD PasswordFieldBytes(const wchar_t* className, DWORD flags, const AuthCreden
 // MakeMD5 step. *hash is malloc'd.
 DWORD HashMD5(const wchar_t* className, KeyCrypter& crypter, const BYTE* data, DWORD size, BYTE** hash,
               DWORD* hashSize);
-
-// Lowercase hex of data, malloc'd and zero-terminated (2 * size characters);
-// null when out of memory.
-char* HexText(const BYTE* data, DWORD size);
 
 // The hex digest as the host receives it: wide text with terminator in a
 // malloc'd block of its own; *byteSize counts the terminator.
