@@ -1,6 +1,7 @@
 // qvfuzz: feeds mutated server answers through the code that reads them
 // (loading a response, the fault check, the policy list, every message's
-// Deserialize, the Base64 decoder and the public-key decoder), in process.
+// Deserialize, the Base64 decoder and the public-key decoder), in process,
+// and random platform error codes through the three error tables.
 //
 //   qvfuzz --seeds DIR [--count N] [--seed S] [--first I] [--seconds T]
 //          [--out DIR] [--trace LEVEL] [--hang-seconds H] [--heap-every K]
@@ -33,6 +34,7 @@
 #include "Quorvantis.h"
 #include "config/AddinSettings.h"
 #include "crypto/Base64.h"
+#include "auth/Auth_NTLM.h"
 #include "crypto/KeyCrypter.h"
 #include "log/WSCLog.h"
 #include "messages/CancelRequest.h"
@@ -47,6 +49,7 @@
 #include "messages/RST_NTLM.h"
 #include "messages/RST_SDL.h"
 #include "soap/SoapResponse.h"
+#include "transport/CWinHttp.h"
 
 namespace {
 
@@ -644,6 +647,28 @@ void RunBase64(Outcomes& outcomes, Rng& rng) {
     std::free(decoded);
 }
 
+// Platform error codes through the three error tables: every code, known or
+// not, maps to a failure. Codes are drawn mostly near the tables' ranges.
+void RunMappings(Outcomes& outcomes, Rng& rng) {
+    DWORD code;
+    switch (rng.Below(6)) {
+    case 0: code = static_cast<DWORD>(rng.Next()); break;
+    case 1: code = 12000 + static_cast<DWORD>(rng.Below(200)); break;             // WinHTTP
+    case 2: code = 0x80090000u + static_cast<DWORD>(rng.Below(0x40)); break;      // NTE_*
+    case 3: code = 0x80090300u + static_cast<DWORD>(rng.Below(0x40)); break;      // SEC_E_*
+    case 4: code = static_cast<DWORD>(rng.Below(300)); break;                     // Win32
+    default: code = 0x80092000u + static_cast<DWORD>(rng.Below(0x20)); break;     // CRYPT_E_*
+    }
+    const DWORD winhttp = CWinHttp::MapWinHttpError(code);
+    const DWORD crypt = KeyCrypter::MapCryptError(code);
+    const DWORD sspi = Auth_NTLM::MapSspiError(code);
+    outcomes.Add("CWinHttp::MapWinHttpError", winhttp);
+    outcomes.Add("KeyCrypter::MapCryptError", crypt);
+    outcomes.Add("Auth_NTLM::MapSspiError", sspi);
+    if (!ZEB_FAILED(winhttp) || !ZEB_FAILED(crypt) || !ZEB_FAILED(sspi))
+        PropertyBroken("a platform error maps to a code that is no failure");
+}
+
 // The bytes of an answer as the transport would hand them on: UTF-8 text
 // (invalid sequences become U+FFFD), or now and then the bytes taken as
 // UTF-16 units, which reaches unpaired surrogates and embedded zeros.
@@ -817,6 +842,7 @@ int wmain(int argc, wchar_t** argv) {
         // A seed is a real answer: it must load.
         if (!RunOne(ToText(input, asUtf16), outcomes, rng) && plainSeed) PropertyBroken("a seed does not load");
         RunBase64(outcomes, rng);
+        RunMappings(outcomes, rng);
         InterlockedExchange(&g_busy, 0);
         InterlockedIncrement64(&g_progress);
         ++tried;
