@@ -351,7 +351,8 @@ struct Mutator {
 
 // ---------------------------------------------------------------------------
 // What a failure leaves behind. The handlers run when the process is in an
-// unknown state: they use no heap, only Win32 calls on fixed buffers.
+// unknown state: the input goes to its file first, through Win32 calls on a
+// fixed buffer, and only then is anything printed.
 
 wchar_t g_outDir[MAX_PATH] = L".";
 CRITICAL_SECTION g_currentLock;
@@ -361,7 +362,7 @@ volatile uint64_t g_runSeed = 0;
 volatile LONG64 g_progress = 0;
 volatile LONG g_busy = 0;
 
-void WriteInput(const wchar_t* kind) {
+void WriteInput(const wchar_t* kind, const wchar_t* what = nullptr) {
     wchar_t path[MAX_PATH * 2];
     _snwprintf(path, sizeof(path) / sizeof(path[0]) - 1, L"%ls\\%ls-s%llu-i%llu.xml", g_outDir, kind,
                static_cast<unsigned long long>(g_runSeed), static_cast<unsigned long long>(g_currentIndex));
@@ -373,28 +374,29 @@ void WriteInput(const wchar_t* kind) {
         if (input && !input->empty()) WriteFile(file, input->data(), static_cast<DWORD>(input->size()), &written, nullptr);
         CloseHandle(file);
     }
+    if (what) fwprintf(stderr, L"qvfuzz: %ls\n", what);
     fwprintf(stderr, L"qvfuzz: %ls at input %llu (seed %llu); input written to %ls\n", kind,
              static_cast<unsigned long long>(g_currentIndex), static_cast<unsigned long long>(g_runSeed), path);
     fflush(stderr);
 }
 
 LONG WINAPI OnUnhandledException(EXCEPTION_POINTERS* info) {
-    fwprintf(stderr, L"qvfuzz: CRASH exception %08lx at %p\n", info->ExceptionRecord->ExceptionCode,
-             info->ExceptionRecord->ExceptionAddress);
-    WriteInput(L"crash");
+    wchar_t what[96];
+    _snwprintf(what, 95, L"CRASH exception %08lx at %p", info->ExceptionRecord->ExceptionCode,
+               info->ExceptionRecord->ExceptionAddress);
+    what[95] = 0;
+    WriteInput(L"crash", what);
     TerminateProcess(GetCurrentProcess(), kExitCrash);
     return EXCEPTION_EXECUTE_HANDLER;
 }
 
 void OnTerminate() {
-    fwprintf(stderr, L"qvfuzz: CRASH std::terminate (an exception left the add-in's code)\n");
-    WriteInput(L"crash");
+    WriteInput(L"crash", L"CRASH std::terminate (an exception left the add-in's code)");
     TerminateProcess(GetCurrentProcess(), kExitCrash);
 }
 
 void OnAbort(int) {
-    fwprintf(stderr, L"qvfuzz: CRASH abort\n");
-    WriteInput(L"crash");
+    WriteInput(L"crash", L"CRASH abort");
     TerminateProcess(GetCurrentProcess(), kExitCrash);
 }
 
@@ -413,9 +415,8 @@ DWORD WINAPI Watchdog(void*) {
         }
         still += 250;
         if (still >= g_hangSeconds * 1000) {
-            fwprintf(stderr, L"qvfuzz: HANG: one input took more than %lu s\n", g_hangSeconds);
             EnterCriticalSection(&g_currentLock);
-            WriteInput(L"hang");
+            WriteInput(L"hang", L"HANG: one input took longer than --hang-seconds");
             TerminateProcess(GetCurrentProcess(), kExitHang);
         }
     }
