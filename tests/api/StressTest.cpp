@@ -6,13 +6,7 @@
 // the run measures the add-in and not a Python server.
 //
 // The default size (16 threads x 200 flows) fits the CI budget. A longer run,
-// for the figures, outside ctest and its time-out (the reference server only
-// renders the answers once, at the start):
-//   scripts/refserver-ctl start build
-//   cd build/bin
-//   QV_BUILD_DIR=$PWD/.. QV_STRESS_FLOWS=1000 ../../scripts/wine-run test_api.exe --gtest_filter=Stress.*
-//   cd ../..
-//   scripts/refserver-ctl stop build
+// for the figures, outside ctest and its time-out: scripts/stress --flows 1000.
 // Each run prints its figures.
 #include "CannedResponder.h"
 
