@@ -6,13 +6,9 @@
 
 #include "common/ComString.h"
 #include "log/WSCLog.h"
+#include "soap/DocumentFactory.h"
 
 namespace {
-
-// MinGW's import libraries define neither of these; the GUIDs are MSXML3's
-// published ones. Local names keep them clear of the SDK's own declarations.
-const CLSID kClsidDomDocument30 = {0xF5078F32, 0xC551, 0x11D3, {0x89, 0xB9, 0x00, 0x00, 0xF8, 0x1F, 0xE2, 0x21}};
-const IID kIidXmlDomDocument2 = {0x2933BF95, 0x7B36, 0x11D2, {0xB2, 0x0E, 0x00, 0xC0, 0x4F, 0x98, 0x3E, 0x60}};
 
 constexpr DWORD kNodeTypeText = 3;  // NODE_TEXT
 
@@ -119,8 +115,7 @@ DWORD SoapMessage::SetXMLData(const wchar_t* xml, const wchar_t* selectionNamesp
         // The new document replaces the held one only once it has loaded, so
         // a failed load keeps what was there.
         qv::ComPtr<IXMLDOMDocument2> document;
-        HRESULT hr = CoCreateInstance(kClsidDomDocument30, nullptr, CLSCTX_INPROC_SERVER, kIidXmlDomDocument2,
-                                      reinterpret_cast<void**>(document.put()));
+        HRESULT hr = DocumentFactory::Create(document.put());
         if (FAILED(hr) || !document) {
             // Not reported: the object just has no document, and every later
             // query answers kNoDocument.
