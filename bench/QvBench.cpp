@@ -46,6 +46,16 @@ struct Options {
     int cycles = 10000;
     int scalingMs = 2000;
     bool hostCom = false;
+    // Comma-separated sections to run (latency, tracing, scaling, memory,
+    // https, baseline); empty: all.
+    std::string sections;
+    // Another build of the DLL, measured against this one in alternating rounds.
+    std::wstring baseline;
+    bool Runs(const char* section) const {
+        if (sections.empty()) return true;
+        const std::string list = "," + sections + ",";
+        return list.find("," + std::string(section) + ",") != std::string::npos;
+    }
 };
 
 std::string Narrow(const std::wstring& w) { return std::string(w.begin(), w.end()); }
@@ -429,6 +439,65 @@ void RunTracing(const Options& options, CannedResponder& canned, const qvtest::T
     PrintRow("DebugLevel 5 with DebugFile", "canned", verbose, &baseStats);
 }
 
+// This build against another (--baseline FILE: a copy of the other build's
+// DLL under another name), GetPolicy and GetACT with the key held, new-conn,
+// in alternating rounds with the floor so that drift of a shared machine
+// falls on all three alike.
+void RunBaseline(const Options& options, CannedResponder& canned, const qvtest::TempDir& dir,
+                 const ZEB_INTERFACE* zeb) {
+    std::printf("\nThis build against %ls (new-conn), server canned, alternating rounds\n", options.baseline.c_str());
+    SetKeepAlive(false);
+    Addin base(options.baseline.c_str());
+    if (!base.zeb) {
+        std::printf("  cannot load the baseline DLL\n");
+        return;
+    }
+    base.zeb->Initialize(WriteIni(dir, L"baseline.ini", canned.Port(), 0, 0, L"").c_str());
+    DWORD baseHandle = 0, handle = 0;
+    base.zeb->Open(L"127.0.0.1", &baseHandle, 0);
+    zeb->Open(L"127.0.0.1", &handle, 0);
+    bool primed = GetPolicyOnce(zeb, handle) && GetActOnce(zeb, handle) && GetPolicyOnce(base.zeb, baseHandle) &&
+                  GetActOnce(base.zeb, baseHandle);
+    if (!primed) {
+        std::printf("  priming pass failed\n");
+        base.zeb->Close(baseHandle);
+        zeb->Close(handle);
+        return;
+    }
+    RawWinHttp raw(L"127.0.0.1", static_cast<INTERNET_PORT>(canned.Port()), false, false, 20000);
+    const CapturedRequest policy = canned.Captured(kPolicyMarker), act = canned.Captured(kActMarker);
+    auto post = [&](const CapturedRequest& r) {
+        return raw.Post(std::wstring(r.path.begin(), r.path.end()), r.contentType, r.body);
+    };
+    struct Operation {
+        const char* name;
+        std::function<bool(const ZEB_INTERFACE*, DWORD)> run;
+        const CapturedRequest* request;
+    };
+    const Operation operations[] = {
+        {"GetPolicy", [](const ZEB_INTERFACE* z, DWORD h) { return GetPolicyOnce(z, h); }, &policy},
+        {"GetACT, key held", [](const ZEB_INTERFACE* z, DWORD h) { return GetActOnce(z, h); }, &act},
+    };
+    const int rounds = 10;
+    const int perRound = std::max(1, options.iterations / rounds);
+    for (const Operation& operation : operations) {
+        Samples floor, before, after;
+        for (int round = 0; round < rounds; ++round) {
+            Sample(perRound, [&] { return post(*operation.request); }, &canned, floor);
+            Sample(perRound, [&] { return operation.run(base.zeb, baseHandle); }, &canned, before);
+            Sample(perRound, [&] { return operation.run(zeb, handle); }, &canned, after);
+        }
+        const Stats floorStats = floor.ToStats();
+        char name[64];
+        std::snprintf(name, sizeof(name), "%s, baseline", operation.name);
+        PrintRow(name, "canned", before.ToStats(), &floorStats);
+        std::snprintf(name, sizeof(name), "%s, this build", operation.name);
+        PrintRow(name, "canned", after.ToStats(), &floorStats);
+    }
+    base.zeb->Close(baseHandle);
+    zeb->Close(handle);
+}
+
 void RunScaling(const Options& options, CannedResponder& canned, const ZEB_INTERFACE* zeb) {
     std::printf("\nScaling: GetACT with the key held, one session per host thread (new-conn, the default), server canned\n");
     SetKeepAlive(false);
@@ -586,6 +655,11 @@ int main(int argc, char** argv) {
         if (std::strcmp(argv[i], "--cycles") == 0) options.cycles = std::atoi(argv[i + 1]);
         if (std::strcmp(argv[i], "--scaling-ms") == 0) options.scalingMs = std::atoi(argv[i + 1]);
         if (std::strcmp(argv[i], "--host-com") == 0) options.hostCom = std::atoi(argv[i + 1]) != 0;
+        if (std::strcmp(argv[i], "--sections") == 0) options.sections = argv[i + 1];
+        if (std::strcmp(argv[i], "--baseline") == 0) {
+            const std::string file = argv[i + 1];
+            options.baseline.assign(file.begin(), file.end());
+        }
     }
     // A host whose thread already holds a COM apartment (as many driver
     // components do) spares the add-in's messages setting one up per call.
@@ -614,13 +688,16 @@ int main(int argc, char** argv) {
 
     std::printf("\nLatency and client CPU per operation; floor = raw WinHTTP POST of the same bytes\n");
     PrintHeader();
-    RunLatency(options, canned, zeb, false);
-    RunLatency(options, canned, zeb, true);
-    RunTracing(options, canned, dir);
+    if (options.Runs("latency")) {
+        RunLatency(options, canned, zeb, false);
+        RunLatency(options, canned, zeb, true);
+    }
+    if (!options.baseline.empty() && options.Runs("baseline")) RunBaseline(options, canned, dir, zeb);
+    if (options.Runs("tracing")) RunTracing(options, canned, dir);
     zeb->Initialize(WriteIni(dir, L"bench.ini", canned.Port(), 0, 0, L"").c_str());
-    RunScaling(options, canned, zeb);
-    RunMemory(options, zeb);
-    RunHttps(options, dir, zeb);
+    if (options.Runs("scaling")) RunScaling(options, canned, zeb);
+    if (options.Runs("memory")) RunMemory(options, zeb);
+    if (options.Runs("https")) RunHttps(options, dir, zeb);
     SetKeepAlive(false);
     canned.Stop();
     return 0;
