@@ -12,6 +12,7 @@
 
 #define QUORVANTIS_NO_PROTOTYPES
 #include "Quorvantis.h"
+#include "support/HostTable.h"
 #include "support/TestSupport.h"
 
 namespace {
@@ -21,11 +22,7 @@ std::string Narrow(const std::wstring& text) { return std::string(text.begin(), 
 class EntryPoints : public ::testing::Test {
 protected:
     void SetUp() override {
-        m_module = LoadLibraryW(L"Quorvantis.dll");
-        ASSERT_NE(m_module, nullptr);
-        auto get = reinterpret_cast<PFN_ZEB_GetInterface>(GetProcAddress(m_module, "ZEB_GetInterface"));
-        ASSERT_NE(get, nullptr);
-        m_api = get(ZEB_INTERFACE_VERSION);
+        m_api = m_host.zeb;
         ASSERT_NE(m_api, nullptr);
         m_trace = m_dir.File(L"trace.log");
         InitializeWith("DebugLevel=5\nDebugFile=" + Narrow(m_trace) + "\n");
@@ -33,7 +30,6 @@ protected:
     void TearDown() override {
         // Back to defaults, so that nothing writes into the folder being removed.
         if (m_api) m_api->Initialize(m_dir.File(L"absent.ini").c_str());
-        if (m_module) FreeLibrary(m_module);
     }
     void InitializeWith(const std::string& keys) {
         std::wstring ini = m_dir.File(L"Quorvantis.ini");
@@ -55,7 +51,7 @@ protected:
         if (!ZEB_FAILED(result)) m_api->Close(handle);
     }
 
-    HMODULE m_module = nullptr;
+    qvtest::HostTable m_host;
     const ZEB_INTERFACE* m_api = nullptr;
     qvtest::TempDir m_dir;
     std::wstring m_trace;

@@ -13,6 +13,7 @@
 #define QUORVANTIS_NO_PROTOTYPES
 #include "Quorvantis.h"
 #include "support/Json.h"
+#include "support/HostTable.h"
 #include "support/RefServer.h"
 #include "support/TestSupport.h"
 
@@ -87,23 +88,7 @@ qvtest::JsonValue State(qvtest::RefServerInstance& srv, const std::string& field
     return value;
 }
 
-// The DLL, loaded by name from the program's folder as a driver loads it.
-class HostTable {
-public:
-    HostTable() {
-        m_module = LoadLibraryW(L"Quorvantis.dll");
-        if (!m_module) return;
-        auto get = reinterpret_cast<PFN_ZEB_GetInterface>(GetProcAddress(m_module, "ZEB_GetInterface"));
-        zeb = get ? get(ZEB_INTERFACE_VERSION) : nullptr;
-    }
-    ~HostTable() {
-        if (m_module) FreeLibrary(m_module);
-    }
-    const ZEB_INTERFACE* zeb = nullptr;
-
-private:
-    HMODULE m_module = nullptr;
-};
+using qvtest::HostTable;
 
 // What one GetACT gave the host, copied out of the add-in's buffers.
 struct ActResult {

@@ -23,6 +23,7 @@
 #include "Quorvantis.h"
 #include "support/Json.h"
 #include "support/RefServer.h"
+#include "support/HostTable.h"
 #include "support/TestSupport.h"
 
 namespace {
@@ -379,55 +380,6 @@ long ElementCount(const std::string& body) {
 
 // ---- Process figures for the leak check ------------------------------------
 
-// Handles held by this process. GetProcessHandleCount answers 0 under Wine,
-// so then the system handle table is counted.
-DWORD HandleCount() {
-    DWORD handles = 0;
-    if (GetProcessHandleCount(GetCurrentProcess(), &handles) && handles) return handles;
-    struct Entry {
-        ULONG ownerPid;
-        BYTE objectType;
-        BYTE flags;
-        USHORT handle;
-        PVOID object;
-        ACCESS_MASK access;
-    };
-    using QuerySystem = LONG(WINAPI*)(ULONG, PVOID, ULONG, PULONG);
-    auto query =
-        reinterpret_cast<QuerySystem>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "NtQuerySystemInformation"));
-    if (!query) return 0;
-    std::vector<BYTE> buffer(1 << 20);
-    for (int attempt = 0; attempt < 6; ++attempt) {
-        ULONG needed = 0;
-        if (query(16 /* SystemHandleInformation */, buffer.data(), static_cast<ULONG>(buffer.size()), &needed) == 0) {
-            ULONG count = *reinterpret_cast<ULONG*>(buffer.data());
-            const Entry* entries = reinterpret_cast<const Entry*>(buffer.data() + sizeof(ULONG_PTR));
-            DWORD mine = 0;
-            for (ULONG i = 0; i < count; ++i)
-                if (entries[i].ownerPid == GetCurrentProcessId()) ++mine;
-            return mine;
-        }
-        buffer.resize(std::max<size_t>(buffer.size() * 2, needed + 4096));
-    }
-    return 0;
-}
-
-// Private bytes (commit charge). Wine leaves PrivateUsage 0; its
-// PagefileUsage is the same figure.
-SIZE_T PrivateBytes() {
-    struct Counters {
-        DWORD cb;
-        DWORD PageFaultCount;
-        SIZE_T PeakWorkingSetSize, WorkingSetSize, QuotaPeakPagedPoolUsage, QuotaPagedPoolUsage,
-            QuotaPeakNonPagedPoolUsage, QuotaNonPagedPoolUsage, PagefileUsage, PeakPagefileUsage, PrivateUsage;
-    } counters = {};
-    counters.cb = sizeof(counters);
-    using GetInfo = BOOL(WINAPI*)(HANDLE, void*, DWORD);
-    auto get = reinterpret_cast<GetInfo>(GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "K32GetProcessMemoryInfo"));
-    if (!get || !get(GetCurrentProcess(), &counters, sizeof(counters))) return 0;
-    return counters.PrivateUsage ? counters.PrivateUsage : counters.PagefileUsage;
-}
-
 // ---- The fixture -----------------------------------------------------------
 
 AuthInfo Entry(const wchar_t* type, const std::wstring& info = L"login") {
@@ -457,17 +409,12 @@ std::string Config(const std::vector<std::string>& extraUsers = {}) {
 class HostileHost : public ::testing::Test {
 protected:
     void SetUp() override {
-        m_module = LoadLibraryW(L"Quorvantis.dll");
-        ASSERT_NE(m_module, nullptr);
-        auto get = reinterpret_cast<PFN_ZEB_GetInterface>(GetProcAddress(m_module, "ZEB_GetInterface"));
-        ASSERT_NE(get, nullptr);
-        m_api = get(ZEB_INTERFACE_VERSION);
+        m_api = m_host.zeb;
         ASSERT_NE(m_api, nullptr);
     }
     void TearDown() override {
         // Back to defaults, so that nothing writes into the folder being removed.
         if (m_api) m_api->Initialize(m_dir.File(L"absent.ini").c_str());
-        if (m_module) FreeLibrary(m_module);
     }
 
     void Initialize(qvtest::RefServerInstance& srv, int level = 4) {
@@ -538,7 +485,7 @@ protected:
         return out;
     }
 
-    HMODULE m_module = nullptr;
+    qvtest::HostTable m_host;
     const ZEB_INTERFACE* m_api = nullptr;
     qvtest::TempDir m_dir;
 };
@@ -1204,12 +1151,12 @@ TEST_F(HostileHost, RepeatedHostileRoundsLeakNothing) {
     };
 
     for (int i = 0; i < 2; ++i) ASSERT_NO_FATAL_FAILURE(round());
-    const DWORD handlesBefore = HandleCount();
-    const SIZE_T bytesBefore = PrivateBytes();
+    const DWORD handlesBefore = qvtest::HandleCount();
+    const SIZE_T bytesBefore = qvtest::PrivateBytes();
     const int kRounds = 8;
     for (int i = 0; i < kRounds; ++i) ASSERT_NO_FATAL_FAILURE(round());
-    const DWORD handlesAfter = HandleCount();
-    const SIZE_T bytesAfter = PrivateBytes();
+    const DWORD handlesAfter = qvtest::HandleCount();
+    const SIZE_T bytesAfter = qvtest::PrivateBytes();
     ASSERT_GT(handlesBefore, 0u);
     ASSERT_GT(bytesBefore, 0u);
     // A leak per round would show as at least kRounds handles; the heap may

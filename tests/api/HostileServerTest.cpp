@@ -13,6 +13,7 @@
 #define QUORVANTIS_NO_PROTOTYPES
 #include "Quorvantis.h"
 #include "support/Json.h"
+#include "support/HostTable.h"
 #include "support/RefServer.h"
 #include "support/TestSupport.h"
 
@@ -71,22 +72,7 @@ std::string Replace(std::string text, const std::string& from, const std::string
     return text;
 }
 
-class HostTable {
-public:
-    HostTable() {
-        m_module = LoadLibraryW(L"Quorvantis.dll");
-        if (!m_module) return;
-        auto get = reinterpret_cast<PFN_ZEB_GetInterface>(GetProcAddress(m_module, "ZEB_GetInterface"));
-        zeb = get ? get(ZEB_INTERFACE_VERSION) : nullptr;
-    }
-    ~HostTable() {
-        if (m_module) FreeLibrary(m_module);
-    }
-    const ZEB_INTERFACE* zeb = nullptr;
-
-private:
-    HMODULE m_module = nullptr;
-};
+using qvtest::HostTable;
 
 struct ActResult {
     DWORD code = 0;

@@ -20,6 +20,7 @@
 #define QUORVANTIS_NO_PROTOTYPES
 #include "Quorvantis.h"
 #include "support/HeapScan.h"
+#include "support/HostTable.h"
 #include "support/RefServer.h"
 #include "support/TestSupport.h"
 
@@ -28,22 +29,7 @@ namespace {
 constexpr size_t kRandomHex = 24;
 constexpr size_t kTailChars = 14;  // searched for: the end of a secret (see HeapScan.h)
 
-class HostTable {
-public:
-    HostTable() {
-        m_module = LoadLibraryW(L"Quorvantis.dll");
-        if (!m_module) return;
-        auto get = reinterpret_cast<PFN_ZEB_GetInterface>(GetProcAddress(m_module, "ZEB_GetInterface"));
-        zeb = get ? get(ZEB_INTERFACE_VERSION) : nullptr;
-    }
-    ~HostTable() {
-        if (m_module) FreeLibrary(m_module);
-    }
-    const ZEB_INTERFACE* zeb = nullptr;
-
-private:
-    HMODULE m_module = nullptr;
-};
+using qvtest::HostTable;
 
 std::string Narrow(const std::wstring& text) {
     std::string out;

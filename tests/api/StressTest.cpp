@@ -25,6 +25,7 @@
 
 #define QUORVANTIS_NO_PROTOTYPES
 #include "Quorvantis.h"
+#include "support/HostTable.h"
 #include "support/RefServer.h"
 #include "support/TestSupport.h"
 
@@ -42,51 +43,6 @@ int EnvInt(const char* name, int fallback) {
     return parsed > 0 ? parsed : fallback;
 }
 
-// Private bytes: PrivateUsage, which Wine leaves 0; its PagefileUsage is the
-// same commit charge.
-SIZE_T PrivateBytes() {
-    PROCESS_MEMORY_COUNTERS_EX counters = {};
-    counters.cb = sizeof(counters);
-    if (!GetProcessMemoryInfo(GetCurrentProcess(), reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&counters),
-                              sizeof(counters)))
-        return 0;
-    return counters.PrivateUsage ? counters.PrivateUsage : counters.PagefileUsage;
-}
-
-// Handles the process holds. Wine answers GetProcessHandleCount with 0, so
-// then the system handle table (SystemHandleInformation) is counted.
-DWORD HandleCount() {
-    DWORD handles = 0;
-    if (GetProcessHandleCount(GetCurrentProcess(), &handles) && handles) return handles;
-    struct Entry {
-        ULONG ownerPid;
-        BYTE objectType;
-        BYTE flags;
-        USHORT handle;
-        PVOID object;
-        ACCESS_MASK access;
-    };
-    using QuerySystem = LONG(WINAPI*)(ULONG, PVOID, ULONG, PULONG);
-    auto query =
-        reinterpret_cast<QuerySystem>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "NtQuerySystemInformation"));
-    if (!query) return 0;
-    std::vector<BYTE> buffer(1 << 20);
-    for (int attempt = 0; attempt < 6; ++attempt) {
-        ULONG needed = 0;
-        LONG status = query(16 /* SystemHandleInformation */, buffer.data(), static_cast<ULONG>(buffer.size()), &needed);
-        if (status == 0) {
-            ULONG count = *reinterpret_cast<ULONG*>(buffer.data());
-            const Entry* entries = reinterpret_cast<const Entry*>(buffer.data() + sizeof(ULONG_PTR));
-            DWORD mine = 0;
-            for (ULONG i = 0; i < count; ++i)
-                if (entries[i].ownerPid == GetCurrentProcessId()) ++mine;
-            return mine;
-        }
-        buffer.resize(std::max<size_t>(buffer.size() * 2, needed + 4096));
-    }
-    return 0;
-}
-
 // User + kernel time of the whole process (the responder's thread included),
 // in seconds.
 double ProcessCpuSeconds() {
@@ -96,23 +52,7 @@ double ProcessCpuSeconds() {
     return static_cast<double>(toU64(kernel) + toU64(user)) / 1e7;
 }
 
-// The DLL, loaded by name from the program's folder as a driver loads it.
-class HostTable {
-public:
-    HostTable() {
-        m_module = LoadLibraryW(L"Quorvantis.dll");
-        if (!m_module) return;
-        auto get = reinterpret_cast<PFN_ZEB_GetInterface>(GetProcAddress(m_module, "ZEB_GetInterface"));
-        zeb = get ? get(ZEB_INTERFACE_VERSION) : nullptr;
-    }
-    ~HostTable() {
-        if (m_module) FreeLibrary(m_module);
-    }
-    const ZEB_INTERFACE* zeb = nullptr;
-
-private:
-    HMODULE m_module = nullptr;
-};
+using qvtest::HostTable;
 
 // What the threads of one run saw.
 struct RunTally {
@@ -239,8 +179,8 @@ TEST(Stress, ConcurrentWholeFlowsLeaveNothingBehind) {
     RunFlows(zeb, threads, 4, warm);
     ASSERT_EQ(warm.failedCalls.load(), 0) << "first failure " << std::hex << warm.firstFailure.load();
     Sleep(200);
-    const SIZE_T privateBefore = PrivateBytes();
-    const DWORD handlesBefore = HandleCount();
+    const SIZE_T privateBefore = qvtest::PrivateBytes();
+    const DWORD handlesBefore = qvtest::HandleCount();
 
     RunTally tally;
     const double cpu0 = ProcessCpuSeconds();
@@ -249,8 +189,8 @@ TEST(Stress, ConcurrentWholeFlowsLeaveNothingBehind) {
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
     const double cpuSeconds = ProcessCpuSeconds() - cpu0;
     Sleep(200);
-    const SIZE_T privateAfter = PrivateBytes();
-    const DWORD handlesAfter = HandleCount();
+    const SIZE_T privateAfter = qvtest::PrivateBytes();
+    const DWORD handlesAfter = qvtest::HandleCount();
 
     std::printf("stress: %d threads x %d flows = %ld whole flows (%s exchanges in all) in %.1f s, %.0f flows/s, "
                 "process CPU %.1f s (%.2f ms per flow)\n",

@@ -9,6 +9,7 @@
 #define QUORVANTIS_NO_PROTOTYPES
 #include "Quorvantis.h"
 #include "support/RefServer.h"
+#include "support/HostTable.h"
 #include "support/TestSupport.h"
 
 namespace {
@@ -44,11 +45,7 @@ size_t Count(const std::string& text, const std::string& what) {
 class StrictCertificateFlowTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        m_module = LoadLibraryW(L"Quorvantis.dll");
-        ASSERT_NE(m_module, nullptr);
-        auto get = reinterpret_cast<PFN_ZEB_GetInterface>(GetProcAddress(m_module, "ZEB_GetInterface"));
-        ASSERT_NE(get, nullptr);
-        zeb = get(ZEB_INTERFACE_VERSION);
+        zeb = m_host.zeb;
         ASSERT_NE(zeb, nullptr);
         ASSERT_TRUE(server.Ok());
     }
@@ -58,7 +55,6 @@ protected:
             std::wstring absent = m_dir.File(L"absent.ini");
             zeb->Initialize(absent.c_str());
         }
-        if (m_module) FreeLibrary(m_module);
     }
 
     void Initialize(const std::string& extra) {
@@ -98,7 +94,7 @@ protected:
     qvtest::TempDir m_dir;
 
 private:
-    HMODULE m_module = nullptr;
+    qvtest::HostTable m_host;
 };
 
 }  // namespace

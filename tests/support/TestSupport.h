@@ -29,5 +29,7 @@ std::string ReadFileBytes(const std::wstring& path);
 // The process's private bytes (commit charge), for checks that an operation
 // did not grow memory.
 SIZE_T PrivateBytes();
+// The handles the process holds, for checks that nothing leaked one.
+DWORD HandleCount();
 
 }  // namespace qvtest
