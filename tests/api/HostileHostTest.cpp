@@ -124,24 +124,6 @@ std::string Between(const std::string& text, const std::string& open, const std:
     return end == std::string::npos ? "<none>" : text.substr(begin, end - begin);
 }
 
-std::string Base64Bytes(const std::string& text) {
-    static const std::string kAlphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    std::string out;
-    unsigned long acc = 0;
-    int bits = 0;
-    for (char c : text) {
-        size_t v = kAlphabet.find(c);
-        if (v == std::string::npos) continue;  // '=', CR LF
-        acc = (acc << 6) | static_cast<unsigned long>(v);
-        bits += 6;
-        if (bits >= 8) {
-            bits -= 8;
-            out.push_back(static_cast<char>((acc >> bits) & 0xFF));
-        }
-    }
-    return out;
-}
-
 // Printable form of a value for failure messages.
 std::string Show(const std::wstring& text) {
     std::string out;
@@ -951,7 +933,7 @@ TEST_F(HostileHost, BasicPayloadCarriesTheValuesVerbatim) {
         ASSERT_FALSE(sent.empty());
         const std::string& body = sent.back().body;
         // Deliberately raw: the fragment holds the host's text unchanged.
-        EXPECT_EQ(Base64Bytes(Between(body, "<wls:AuthenticationData>", "</wls:AuthenticationData>")),
+        EXPECT_EQ(qvtest::Base64Decode(Between(body, "<wls:AuthenticationData>", "</wls:AuthenticationData>")),
                   Utf8Of(L"<wls:ID>" + user + L"</wls:ID><wls:PASSWORD>" + password + L"</wls:PASSWORD><wls:Domain>" +
                          domain + L"</wls:Domain>"))
             << s.name;
@@ -980,7 +962,7 @@ TEST_F(HostileHost, SdlSendsTheUserIdInItsPayloadAndInfoAsItIs) {
             auto sent = On(srv, kStsPath, "wls:AuthenticationData");
             ASSERT_GE(sent.size(), 2u);
             const std::string& first = sent[sent.size() - 2].body;
-            EXPECT_EQ(Base64Bytes(Between(first, "<wls:AuthenticationData>", "</wls:AuthenticationData>")),
+            EXPECT_EQ(qvtest::Base64Decode(Between(first, "<wls:AuthenticationData>", "</wls:AuthenticationData>")),
                       "SDLChallengeRequest" + Utf8Of(user))
                 << s.name;
         }

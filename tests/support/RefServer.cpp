@@ -39,6 +39,19 @@ bool WinsockReady() {
     return ready;
 }
 
+
+JsonValue ControlJson(const std::string& method, const std::string& path, const std::string& body,
+                      int* status = nullptr) {
+    JsonValue value;
+    int code = 0;
+    std::string text = ControlCall(method, path, body, &code);
+    if (status) *status = code;
+    if (code != 200 || !ParseJson(text, &value)) return JsonValue();
+    return value;
+}
+
+}  // namespace
+
 std::string Base64Decode(const std::string& in) {
     // A table rather than a search per character: request bodies of several
     // megabytes come through here.
@@ -66,18 +79,6 @@ std::string Base64Decode(const std::string& in) {
     }
     return out;
 }
-
-JsonValue ControlJson(const std::string& method, const std::string& path, const std::string& body,
-                      int* status = nullptr) {
-    JsonValue value;
-    int code = 0;
-    std::string text = ControlCall(method, path, body, &code);
-    if (status) *status = code;
-    if (code != 200 || !ParseJson(text, &value)) return JsonValue();
-    return value;
-}
-
-}  // namespace
 
 std::string RecordedRequest::Header(const std::string& name) const {
     for (const auto& header : headers)

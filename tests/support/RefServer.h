@@ -50,6 +50,10 @@ private:
     int m_httpsPort = 0;
 };
 
+// Bytes of a Base64 text; characters outside the alphabet ('=', blanks) are
+// skipped.
+std::string Base64Decode(const std::string& in);
+
 // Renders an answer shape of tools/refserver/answers.py with JSON arguments.
 std::string RenderAnswer(const std::string& name, const std::string& argsJson = "{}");
 
