@@ -11,6 +11,8 @@
 namespace {
 
 constexpr DWORD kNodeTypeText = 3;  // NODE_TEXT
+// The deepest nesting a loaded answer may have (MSXML6's own default).
+constexpr LONG kMaxElementDepth = 256;
 
 // The value of the first text child of `node`, walking the children in
 // document order. `found` tells whether there was one; the remaining children
@@ -64,6 +66,15 @@ void HardenForServerText(IXMLDOMDocument2* document) {
     value.get()->boolVal = VARIANT_TRUE;
     if (!name || FAILED(document->setProperty(name.get(), value.value())))
         WSCLOG(2, L"setProperty(ProhibitDTD) failed. Continue.");
+    // MSXML3 nests without limit by default; a small answer of deeply nested
+    // elements could exhaust the parser. The server's answers nest a few
+    // dozen levels at most.
+    qv::UniqueBstr depthName = qv::MakeBstr(L"MaxElementDepth");
+    qv::ComVariant depth;
+    depth.get()->vt = VT_I4;
+    depth.get()->lVal = kMaxElementDepth;
+    if (!depthName || FAILED(document->setProperty(depthName.get(), depth.value())))
+        WSCLOG(2, L"setProperty(MaxElementDepth) failed. Continue.");
 }
 
 // True when the loaded document has a document type declaration.

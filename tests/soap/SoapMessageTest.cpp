@@ -451,3 +451,24 @@ TEST_F(SoapMessageDtdTest, EntityExpansionIsRefusedWithoutGrowingMemory) {
     // Fully expanded the value would be 6 * 10^9 characters.
     EXPECT_LT(qvtest::PrivateBytes(), before + 64u * 1024 * 1024);
 }
+
+// Deeply nested answers are refused by the load, not by a blown stack (under
+// Wine, libxml2's own nesting limit of 256 applies as well).
+TEST_F(SoapMessageDtdTest, DeeplyNestedAnswersAreRefused) {
+    auto nested = [](int depth) {
+        std::wstring open, close;
+        for (int i = 0; i < depth; ++i) {
+            open += L"<t:n>";
+            close += L"</t:n>";
+        }
+        return std::wstring(L"<?xml version=\"1.0\" encoding=\"utf-8\"?><soap:Envelope xmlns:soap=\"") + kSoapUri +
+               L"\" xmlns:t=\"urn:test\"><soap:Body>" + open + L"x" + close + L"</soap:Body></soap:Envelope>";
+    };
+    SoapMessage shallow;
+    EXPECT_EQ(shallow.SetXMLData(nested(100).c_str(), kBindings.c_str()), SoapMessage::kOk);
+    for (int depth : {300, 100000}) {
+        SoapMessage message;
+        EXPECT_EQ(message.SetXMLData(nested(depth).c_str(), kBindings.c_str()), SoapMessage::kDomFailure) << depth;
+        EXPECT_FALSE(message.HasDocument());
+    }
+}
