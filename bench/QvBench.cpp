@@ -4,7 +4,10 @@
 //
 // Servers: "canned" is a loopback listener inside this process that replays
 // the reference server's answers (built by its answer builders) at almost no
-// cost; "refsrv" is the reference server itself (Python), used for HTTPS.
+// cost; "native" serves the same answers from a native Linux process
+// (bench/native/canned_responder, started by scripts/bench, --native-port N)
+// and is used for the connection-reuse rows; "refsrv" is the reference server
+// itself (Python), used for HTTPS.
 #include <winsock2.h>
 #include <windows.h>
 #include <objbase.h>
@@ -22,6 +25,7 @@
 
 #define QUORVANTIS_NO_PROTOTYPES
 #include "CannedResponder.h"
+#include "NativeResponder.h"
 #include "Quorvantis.h"
 #include "RawWinHttp.h"
 #include "support/RefServer.h"
@@ -51,6 +55,9 @@ struct Options {
     std::string sections;
     // Another build of the DLL, measured against this one in alternating rounds.
     std::wstring baseline;
+    // Port of the native responder on loopback; 0: none, the reuse rows use
+    // the in-process one.
+    int nativePort = 0;
     bool Runs(const char* section) const {
         if (sections.empty()) return true;
         const std::string list = "," + sections + ",";
@@ -247,6 +254,19 @@ std::wstring WriteIni(const qvtest::TempDir& dir, const wchar_t* name, int port,
     return path;
 }
 
+// The server of a figure. The in-process responder's thread CPU is taken out
+// of the client figures; the native responder is another process, so its CPU
+// is not in them anyway.
+struct Server {
+    const char* name;  // "canned" or "native", as the rows say
+    int port;
+    CannedResponder* inProcess;  // nullptr for the native responder
+    NativeResponder* native;
+    CapturedRequest Captured(const std::string& marker) const {
+        return inProcess ? inProcess->Captured(marker) : native->Captured(marker);
+    }
+};
+
 // One envelope of an operation, with the marker that finds it again.
 struct FloorRequest {
     const char* marker;
@@ -262,7 +282,7 @@ bool SameBytes(const CapturedRequest& addin, const CapturedRequest& floor) {
 // Raw floor of one operation: the captured envelopes it sends, posted in
 // order. With a responder, afterwards checks that the floor's requests were
 // byte-identical to the add-in's and says so when they were not.
-Stats Floor(int iterations, RawWinHttp& raw, const std::vector<FloorRequest>& requests, CannedResponder* responder) {
+Stats Floor(int iterations, RawWinHttp& raw, const std::vector<FloorRequest>& requests, const Server* server) {
     for (const FloorRequest& r : requests)
         if (r.request.body.empty()) {
             std::printf("  (no captured request for %s)\n", r.marker);
@@ -277,12 +297,12 @@ Stats Floor(int iterations, RawWinHttp& raw, const std::vector<FloorRequest>& re
                     return false;
             return true;
         },
-        responder);
-    if (responder)
+        server ? server->inProcess : nullptr);
+    if (server)
         for (const FloorRequest& r : requests)
-            if (!SameBytes(r.request, responder->Captured(r.marker))) {
+            if (!SameBytes(r.request, server->Captured(r.marker))) {
                 std::printf("  floor request for %s differs from the add-in's:\n--- add-in\n%s\n--- floor\n%s\n",
-                            r.marker, r.request.head.c_str(), responder->Captured(r.marker).head.c_str());
+                            r.marker, r.request.head.c_str(), server->Captured(r.marker).head.c_str());
                 stats.ok = false;
             }
     return stats;
@@ -308,7 +328,7 @@ std::vector<CannedAnswer> CannedAnswers() {
     };
 }
 
-void RunLatency(const Options& options, CannedResponder& canned, const ZEB_INTERFACE* zeb, bool keepAlive) {
+void RunLatency(const Options& options, const Server& server, const ZEB_INTERFACE* zeb, bool keepAlive) {
     SetKeepAlive(keepAlive);
     const char* mode = keepAlive ? "reuse" : "new-conn";
     DWORD handle = 0;
@@ -320,48 +340,52 @@ void RunLatency(const Options& options, CannedResponder& canned, const ZEB_INTER
     bool primed = GetPolicyOnce(zeb, handle) && AuthenticateOnce(zeb, handle, L"Basic2") &&
                   AuthenticateOnce(zeb, handle, L"SDL2") && GetActOnce(zeb, handle);
     if (!primed) std::printf("priming pass failed\n");
-    RawWinHttp raw(L"127.0.0.1", static_cast<INTERNET_PORT>(canned.Port()), false, keepAlive, 20000);
-    CapturedRequest policy = canned.Captured(kPolicyMarker), basic2 = canned.Captured(kBasic2Marker),
-                    sdl2 = canned.Captured(kSdl2Marker), rstr = canned.Captured(kRstrMarker),
-                    act = canned.Captured(kActMarker);
+    RawWinHttp raw(L"127.0.0.1", static_cast<INTERNET_PORT>(server.port), false, keepAlive, 20000);
+    CapturedRequest policy = server.Captured(kPolicyMarker), basic2 = server.Captured(kBasic2Marker),
+                    sdl2 = server.Captured(kSdl2Marker), rstr = server.Captured(kRstrMarker),
+                    act = server.Captured(kActMarker);
 
     char name[64];
-    Stats floorPolicy = Floor(options.iterations, raw, {{kPolicyMarker, policy}}, &canned);
+    Stats floorPolicy = Floor(options.iterations, raw, {{kPolicyMarker, policy}}, &server);
     std::snprintf(name, sizeof(name), "GetPolicy (%s)", mode);
-    PrintRow(name, "canned", Measure(options.iterations, [&] { return GetPolicyOnce(zeb, handle); }, &canned),
+    PrintRow(name, server.name,
+             Measure(options.iterations, [&] { return GetPolicyOnce(zeb, handle); }, server.inProcess),
              &floorPolicy);
 
-    Stats floorBasic2 = Floor(options.iterations, raw, {{kBasic2Marker, basic2}}, &canned);
+    Stats floorBasic2 = Floor(options.iterations, raw, {{kBasic2Marker, basic2}}, &server);
     std::snprintf(name, sizeof(name), "Authentication Basic2 (%s)", mode);
-    PrintRow(name, "canned",
-             Measure(options.iterations, [&] { return AuthenticateOnce(zeb, handle, L"Basic2"); }, &canned),
+    PrintRow(name, server.name,
+             Measure(options.iterations, [&] { return AuthenticateOnce(zeb, handle, L"Basic2"); }, server.inProcess),
              &floorBasic2);
 
-    Stats floorSdl2 = Floor(options.iterations, raw, {{kSdl2Marker, sdl2}, {kRstrMarker, rstr}}, &canned);
+    Stats floorSdl2 = Floor(options.iterations, raw, {{kSdl2Marker, sdl2}, {kRstrMarker, rstr}}, &server);
     std::snprintf(name, sizeof(name), "Authentication SDL2 (%s)", mode);
-    PrintRow(name, "canned", Measure(options.iterations, [&] { return AuthenticateOnce(zeb, handle, L"SDL2"); }, &canned),
+    PrintRow(name, server.name,
+             Measure(options.iterations, [&] { return AuthenticateOnce(zeb, handle, L"SDL2"); }, server.inProcess),
              &floorSdl2);
 
-    Stats floorAct = Floor(options.iterations, raw, {{kActMarker, act}}, &canned);
+    Stats floorAct = Floor(options.iterations, raw, {{kActMarker, act}}, &server);
     std::snprintf(name, sizeof(name), "GetACT, key held (%s)", mode);
-    PrintRow(name, "canned", Measure(options.iterations, [&] { return GetActOnce(zeb, handle); }, &canned), &floorAct);
+    PrintRow(name, server.name, Measure(options.iterations, [&] { return GetActOnce(zeb, handle); }, server.inProcess),
+             &floorAct);
     zeb->Close(handle);
 
     // Open to Close: policy, Basic2 login, ACT, cancel; the floor adds a new
     // WinHTTP session and connection per flow as the add-in makes one.
-    CapturedRequest cancel = canned.Captured(kCancelMarker);
+    CapturedRequest cancel = server.Captured(kCancelMarker);
     Stats floorFlow = Measure(
         options.iterations / 3,
         [&] {
-            RawWinHttp session(L"127.0.0.1", static_cast<INTERNET_PORT>(canned.Port()), false, keepAlive, 20000);
+            RawWinHttp session(L"127.0.0.1", static_cast<INTERNET_PORT>(server.port), false, keepAlive, 20000);
             for (const CapturedRequest* r : {&policy, &basic2, &act, &cancel})
                 if (!session.Post(std::wstring(r->path.begin(), r->path.end()), r->contentType, r->body)) return false;
             return true;
         },
-        &canned);
+        server.inProcess);
     std::snprintf(name, sizeof(name), "Whole flow Open..Close (%s)", mode);
-    PrintRow(name, "canned",
-             Measure(options.iterations / 3, [&] { return WholeFlowOnce(zeb, L"127.0.0.1", 0); }, &canned), &floorFlow);
+    PrintRow(name, server.name,
+             Measure(options.iterations / 3, [&] { return WholeFlowOnce(zeb, L"127.0.0.1", 0); }, server.inProcess),
+             &floorFlow);
 }
 
 // Samples of one variant gathered over several rounds.
@@ -656,6 +680,7 @@ int main(int argc, char** argv) {
         if (std::strcmp(argv[i], "--scaling-ms") == 0) options.scalingMs = std::atoi(argv[i + 1]);
         if (std::strcmp(argv[i], "--host-com") == 0) options.hostCom = std::atoi(argv[i + 1]) != 0;
         if (std::strcmp(argv[i], "--sections") == 0) options.sections = argv[i + 1];
+        if (std::strcmp(argv[i], "--native-port") == 0) options.nativePort = std::atoi(argv[i + 1]);
         if (std::strcmp(argv[i], "--baseline") == 0) {
             const std::string file = argv[i + 1];
             options.baseline.assign(file.begin(), file.end());
@@ -670,11 +695,23 @@ int main(int argc, char** argv) {
                 options.iterations, options.cycles, options.scalingMs);
     std::printf("machine: %s, %lu logical processors, %s\n", ProcessorName().c_str(), system.dwNumberOfProcessors,
                 PlatformName().c_str());
+    std::printf("servers: canned = in-process responder%s\n",
+                options.nativePort ? "; native = native Linux responder (TCP_NODELAY, TCP_QUICKACK), reuse rows"
+                                   : "; no native responder (--native-port), reuse rows on canned");
 
     CannedResponder canned(CannedAnswers());
-    canned.SetCaptureMarkers({kPolicyMarker, kBasic2Marker, kSdl2Marker, kRstrMarker, kActMarker, kCancelMarker});
+    const std::vector<std::string> markers = {kPolicyMarker, kBasic2Marker, kSdl2Marker,
+                                              kRstrMarker,   kActMarker,    kCancelMarker};
+    canned.SetCaptureMarkers(markers);
     if (!canned.Start()) {
         std::printf("cannot start the canned responder\n");
+        return 1;
+    }
+    const Server cannedServer{"canned", canned.Port(), &canned, nullptr};
+    NativeResponder native(options.nativePort);
+    const Server nativeServer{"native", options.nativePort, nullptr, &native};
+    if (options.nativePort && !native.Load(CannedAnswers(), markers)) {
+        std::printf("cannot hand the answers to the native responder on port %d\n", options.nativePort);
         return 1;
     }
     qvtest::TempDir dir;
@@ -689,8 +726,13 @@ int main(int argc, char** argv) {
     std::printf("\nLatency and client CPU per operation; floor = raw WinHTTP POST of the same bytes\n");
     PrintHeader();
     if (options.Runs("latency")) {
-        RunLatency(options, canned, zeb, false);
-        RunLatency(options, canned, zeb, true);
+        RunLatency(options, cannedServer, zeb, false);
+        // Connection reuse against the native responder when there is one:
+        // the in-process one cannot answer Wine's delayed ACK at once.
+        const Server& reuse = options.nativePort ? nativeServer : cannedServer;
+        zeb->Initialize(WriteIni(dir, L"reuse.ini", reuse.port, 0, 0, L"").c_str());
+        RunLatency(options, reuse, zeb, true);
+        zeb->Initialize(WriteIni(dir, L"bench.ini", canned.Port(), 0, 0, L"").c_str());
     }
     if (!options.baseline.empty() && options.Runs("baseline")) RunBaseline(options, canned, dir, zeb);
     if (options.Runs("tracing")) RunTracing(options, canned, dir);
