@@ -568,39 +568,6 @@ void RunScaling(const Options& options, CannedResponder& canned, const ZEB_INTER
     }
 }
 
-// Handles the process holds. GetProcessHandleCount answers 0 under Wine, so
-// the system handle table (SystemHandleInformation) is counted when it does.
-DWORD HandleCount() {
-    DWORD handles = 0;
-    if (GetProcessHandleCount(GetCurrentProcess(), &handles) && handles) return handles;
-    struct Entry {
-        ULONG ownerPid;
-        BYTE objectType;
-        BYTE flags;
-        USHORT handle;
-        PVOID object;
-        ACCESS_MASK access;
-    };
-    using QuerySystem = LONG(WINAPI*)(ULONG, PVOID, ULONG, PULONG);
-    auto query = reinterpret_cast<QuerySystem>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "NtQuerySystemInformation"));
-    if (!query) return 0;
-    std::vector<BYTE> buffer(1 << 20);
-    for (int attempt = 0; attempt < 6; ++attempt) {
-        ULONG needed = 0;
-        LONG status = query(16 /* SystemHandleInformation */, buffer.data(), static_cast<ULONG>(buffer.size()), &needed);
-        if (status == 0) {
-            ULONG count = *reinterpret_cast<ULONG*>(buffer.data());
-            const Entry* entries = reinterpret_cast<const Entry*>(buffer.data() + sizeof(ULONG_PTR));
-            DWORD mine = 0;
-            for (ULONG i = 0; i < count; ++i)
-                if (entries[i].ownerPid == GetCurrentProcessId()) ++mine;
-            return mine;
-        }
-        buffer.resize(std::max<size_t>(buffer.size() * 2, needed + 4096));
-    }
-    return 0;
-}
-
 void RunMemory(const Options& options, const ZEB_INTERFACE* zeb) {
     std::printf("\nMemory: whole flows Open..Close (new-conn), server canned\n");
     SetKeepAlive(false);
@@ -611,16 +578,13 @@ void RunMemory(const Options& options, const ZEB_INTERFACE* zeb) {
                 std::printf("  flow %d failed\n", done);
                 return;
             }
-        PROCESS_MEMORY_COUNTERS_EX counters = {};
+        PROCESS_MEMORY_COUNTERS counters = {};
         counters.cb = sizeof(counters);
-        GetProcessMemoryInfo(GetCurrentProcess(), reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&counters),
-                             sizeof(counters));
-        // Private bytes: PrivateUsage, which Wine leaves 0; its PagefileUsage
-        // is the same commit charge.
-        SIZE_T privateBytes = counters.PrivateUsage ? counters.PrivateUsage : counters.PagefileUsage;
+        GetProcessMemoryInfo(GetCurrentProcess(), &counters, sizeof(counters));
+        const SIZE_T privateBytes = qvtest::PrivateBytes();
         std::printf("  after %6d flows: private bytes %9.1f KiB, working set %9.1f KiB, handles %lu\n", target,
                     static_cast<double>(privateBytes) / 1024.0, static_cast<double>(counters.WorkingSetSize) / 1024.0,
-                    HandleCount());
+                    qvtest::HandleCount());
         std::fflush(stdout);
     }
 }
