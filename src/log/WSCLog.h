@@ -55,9 +55,16 @@ constexpr const char* SourceBaseName(const char* path) {
 }  // namespace qv
 
 #ifdef QV_NO_TRACE
-// A build without trace call sites, only to measure what tracing costs.
-#define WSCLOG(level, ...) \
-    do {                   \
+// A build without trace call sites, only to measure what tracing costs. The
+// arguments are still named (never evaluated), so values kept only for the
+// trace do not turn into unused-variable warnings.
+namespace qv {
+template <typename... Args>
+inline void DiscardTraceArguments(const Args&...) {}
+}  // namespace qv
+#define WSCLOG(level, ...)                                  \
+    do {                                                    \
+        if (false) ::qv::DiscardTraceArguments(__VA_ARGS__); \
     } while (0)
 #else
 #define WSCLOG(level, ...)                                                          \
