@@ -90,12 +90,7 @@ qvtest::JsonValue State(qvtest::RefServerInstance& srv, const std::string& field
 
 using qvtest::HostTable;
 
-// What one GetACT gave the host, copied out of the add-in's buffers.
-struct ActResult {
-    DWORD code = 0;
-    bool keyNull = true, actNull = true, signatureNull = true;
-    Bytes key, act, signature;
-};
+using qvtest::ActResult;
 
 class FlowTest : public ::testing::Test {
 protected:
@@ -140,23 +135,7 @@ protected:
     }
 
     ActResult GetACT(DWORD handle, DWORD actFlags, const wchar_t* subject = L"printer-01") {
-        ActResult r;
-        BYTE *key = nullptr, *act = nullptr, *signature = nullptr;
-        DWORD keySize = 99, actSize = 99, signatureSize = 99;
-        r.code = zeb()->GetACT(handle, subject, actFlags, &key, &keySize, &act, &actSize, &signature, &signatureSize);
-        r.keyNull = key == nullptr;
-        r.actNull = act == nullptr;
-        r.signatureNull = signature == nullptr;
-        if (key) r.key.assign(key, key + keySize);
-        if (act) r.act.assign(act, act + actSize);
-        if (signature) r.signature.assign(signature, signature + signatureSize);
-        EXPECT_EQ(keySize, r.key.size());
-        EXPECT_EQ(actSize, r.act.size());
-        EXPECT_EQ(signatureSize, r.signature.size());
-        zeb()->BufferFree(key);
-        zeb()->BufferFree(act);
-        zeb()->BufferFree(signature);
-        return r;
+        return qvtest::CallGetACT(zeb(), handle, subject, actFlags);
     }
 
     // Open -> GetPolicy -> Authentication with the policy's first entry.

@@ -74,11 +74,7 @@ std::string Replace(std::string text, const std::string& from, const std::string
 
 using qvtest::HostTable;
 
-struct ActResult {
-    DWORD code = 0;
-    bool keyNull = true, actNull = true, signatureNull = true;
-    Bytes key, act, signature;
-};
+using qvtest::ActResult;
 
 class HostileServerTest : public ::testing::Test {
 protected:
@@ -149,23 +145,7 @@ protected:
     }
 
     ActResult GetACT() {
-        ActResult r;
-        BYTE *key = nullptr, *act = nullptr, *signature = nullptr;
-        DWORD keySize = 99, actSize = 99, signatureSize = 99;
-        r.code = zeb()->GetACT(m_handle, L"printer-01", 0, &key, &keySize, &act, &actSize, &signature, &signatureSize);
-        r.keyNull = key == nullptr;
-        r.actNull = act == nullptr;
-        r.signatureNull = signature == nullptr;
-        if (key) r.key.assign(key, key + keySize);
-        if (act) r.act.assign(act, act + actSize);
-        if (signature) r.signature.assign(signature, signature + signatureSize);
-        EXPECT_EQ(keySize, r.key.size());
-        EXPECT_EQ(actSize, r.act.size());
-        EXPECT_EQ(signatureSize, r.signature.size());
-        zeb()->BufferFree(key);
-        zeb()->BufferFree(act);
-        zeb()->BufferFree(signature);
-        return r;
+        return qvtest::CallGetACT(zeb(), m_handle, L"printer-01", 0);
     }
 
     // A failed GetACT hands nothing out.

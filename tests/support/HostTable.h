@@ -9,6 +9,8 @@
 #endif
 #include "Quorvantis.h"
 
+#include <vector>
+
 namespace qvtest {
 
 class HostTable {
@@ -24,5 +26,16 @@ public:
 private:
     HMODULE m_module = nullptr;
 };
+
+// What one GetACT gave the host, copied out of the add-in's buffers (which
+// are then handed back with BufferFree).
+struct ActResult {
+    DWORD code = 0;
+    bool keyNull = true, actNull = true, signatureNull = true;
+    std::vector<BYTE> key, act, signature;
+};
+
+// Calls GetACT through the table; the sizes must match what was handed out.
+ActResult CallGetACT(const ZEB_INTERFACE* zeb, DWORD handle, const wchar_t* subject, DWORD actFlags);
 
 }  // namespace qvtest
