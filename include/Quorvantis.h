@@ -23,6 +23,16 @@
 extern "C" {
 #endif
 
+/* ---- Release version -----------------------------------------------------
+ * The version of the release this header belongs to (the DLL's VERSIONINFO
+ * carries the same numbers). It is not the interface version: a host asks
+ * for the table with ZEB_INTERFACE_VERSION below. */
+
+#define QUORVANTIS_VERSION_MAJOR  1
+#define QUORVANTIS_VERSION_MINOR  0
+#define QUORVANTIS_VERSION_PATCH  0
+#define QUORVANTIS_VERSION_STRING "1.0.0"
+
 /* ---- Interface version ------------------------------------------------- */
 
 #define ZEB_INTERFACE_VERSION 0x0100
@@ -32,6 +42,7 @@ extern "C" {
 
 #define ZEB_FAILURE_MASK 0xD5000000u
 #define ZEB_FAILED(code) ((((DWORD)(code)) & ZEB_FAILURE_MASK) != 0)
+/* BEGIN RESULT CODES: made from tools/codes/result_codes.json by tools/codes/gen_codes.py */
 #define ZEB_SUCCESS 0x00000000u
 
 /* Module-wide codes. 0xD5000057 is written ERROR_INVALID_PARAMETER in the
@@ -179,6 +190,7 @@ extern "C" {
 #define ZEB_ERROR_FAULT_INVALID_CONTEXT                  0xD5070403u
 #define ZEB_ERROR_ACT_KEY_REQUIRED                       0xD5070404u /* handled inside GetACT */
 #define ZEB_ERROR_FAULT_GET_ACT_ERROR                    0xD5070405u
+/* END RESULT CODES */
 
 /* ---- Open flags ----------------------------------------------------------- */
 
