@@ -3,14 +3,19 @@
 //   ZEB_GetInterface -> Initialize -> Open -> GetPolicy -> Authentication
 //   -> GetACT -> BufferFree -> Close
 // Each step is printed with its result code and the code's name; the ACT's
-// signature is checked with the HMAC key the host received.
+// signature is checked with the HMAC key the host received. With --threads N
+// the flow after Initialize runs on N threads at once, each with a session of
+// its own (as a print server with several queues does); each thread's output
+// is printed as one block, prefixed with its number, when all have ended.
 #include <windows.h>
 #include <wincrypt.h>
 
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cwchar>
 #include <string>
+#include <thread>
 #include <vector>
 
 #define QUORVANTIS_NO_PROTOTYPES
@@ -23,140 +28,10 @@ struct CodeName {
     const char* name;
 };
 #define CODE_ROW(name) {name, #name}
-// Every result code of Quorvantis.h, by its header name.
+// Every result code of Quorvantis.h, by its header name. The rows are made
+// from tools/codes/result_codes.json by tools/codes/gen_codes.py.
 constexpr CodeName kCodeNames[] = {
-    CODE_ROW(ZEB_SUCCESS),
-    {1, "ZEB_SUCCESS"},  // lower layers may report 1, which counts as success
-    CODE_ROW(ZEB_ERROR_INVALID_HANDLE),
-    CODE_ROW(ZEB_ERROR_OUTOFMEMORY),
-    CODE_ROW(ZEB_ERROR_INVALID_PARAMETER),
-    CODE_ROW(ZEB_ERROR_WINHTTP_REDIRECT),
-    CODE_ROW(ZEB_ERROR_HTTP_SERVER_ERROR),
-    CODE_ROW(ZEB_ERROR_GENERAL_INVALID_INSTANCE),
-    CODE_ROW(ZEB_ERROR_WINHTTP_TIMEOUT),
-    CODE_ROW(ZEB_ERROR_WINHTTP_INTERNAL_ERROR),
-    CODE_ROW(ZEB_ERROR_WINHTTP_INVALID_URL),
-    CODE_ROW(ZEB_ERROR_WINHTTP_UNRECOGNIZED_SCHEME),
-    CODE_ROW(ZEB_ERROR_WINHTTP_NAME_NOT_RESOLVED),
-    CODE_ROW(ZEB_ERROR_WINHTTP_INVALID_OPTION),
-    CODE_ROW(ZEB_ERROR_WINHTTP_OPTION_NOT_SETTABLE),
-    CODE_ROW(ZEB_ERROR_WINHTTP_SHUTDOWN),
-    CODE_ROW(ZEB_ERROR_WINHTTP_LOGIN_FAILURE),
-    CODE_ROW(ZEB_ERROR_WINHTTP_OPERATION_CANCELLED),
-    CODE_ROW(ZEB_ERROR_WINHTTP_INCORRECT_HANDLE_TYPE),
-    CODE_ROW(ZEB_ERROR_WINHTTP_INCORRECT_HANDLE_STATE),
-    CODE_ROW(ZEB_ERROR_WINHTTP_CANNOT_CONNECT),
-    CODE_ROW(ZEB_ERROR_WINHTTP_CONNECTION_ERROR),
-    CODE_ROW(ZEB_ERROR_WINHTTP_RESEND_REQUEST),
-    CODE_ROW(ZEB_ERROR_WINHTTP_CLIENT_AUTH_CERT_NEEDED),
-    CODE_ROW(ZEB_ERROR_WINHTTP_HEADER_NOT_FOUND),
-    CODE_ROW(ZEB_ERROR_WINHTTP_INVALID_SERVER_RESPONSE),
-    CODE_ROW(ZEB_ERROR_WINHTTP_REDIRECT_FAILED),
-    CODE_ROW(ZEB_ERROR_WINHTTP_SECURE_FAILURE),
-    CODE_ROW(ZEB_ERROR_WINHTTP_12181),
-    CODE_ROW(ZEB_ERROR_WINHTTP_12182),
-    CODE_ROW(ZEB_ERROR_WINHTTP_12183),
-    CODE_ROW(ZEB_ERROR_WINHTTP_12184),
-    CODE_ROW(ZEB_ERROR_WINHTTP_NOT_ENOUGH_MEMORY),
-    CODE_ROW(ZEB_ERROR_WINHTTP_INVALID_PARAMETER),
-    CODE_ROW(ZEB_ERROR_WINHTTP_INSUFFICIENT_BUFFER),
-    CODE_ROW(ZEB_ERROR_WINHTTP_UNKNOWN_CONTENT_TYPE),
-    CODE_ROW(ZEB_ERROR_WINHTTP_DIFFERENT_REDIRECT_URL),
-    CODE_ROW(ZEB_ERROR_WINHTTP_CONNECTED_FAILURE),
-    CODE_ROW(ZEB_ERROR_WINHTTP_UNKNOWN),
-    CODE_ROW(ZEB_ERROR_CRYPT_BAD_KEYSET),
-    CODE_ROW(ZEB_ERROR_CRYPT_BAD_KEYSET_PARAM),
-    CODE_ROW(ZEB_ERROR_CRYPT_BAD_PROV_TYPE),
-    CODE_ROW(ZEB_ERROR_CRYPT_BAD_SIGNATURE),
-    CODE_ROW(ZEB_ERROR_CRYPT_EXISTS),
-    CODE_ROW(ZEB_ERROR_CRYPT_KEYSET_ENTRY_BAD),
-    CODE_ROW(ZEB_ERROR_CRYPT_KEYSET_NOT_DEF),
-    CODE_ROW(ZEB_ERROR_CRYPT_NO_MEMORY),
-    CODE_ROW(ZEB_ERROR_CRYPT_PROV_DLL_NOT_FOUND),
-    CODE_ROW(ZEB_ERROR_CRYPT_PROV_TYPE_ENTRY_BAD),
-    CODE_ROW(ZEB_ERROR_CRYPT_PROV_TYPE_NO_MATCH),
-    CODE_ROW(ZEB_ERROR_CRYPT_PROV_TYPE_NOT_DEF),
-    CODE_ROW(ZEB_ERROR_CRYPT_PROVIDER_DLL_FAIL),
-    CODE_ROW(ZEB_ERROR_CRYPT_SIGNATURE_FILE_BAD),
-    CODE_ROW(ZEB_ERROR_CRYPT_BAD_UID),
-    CODE_ROW(ZEB_ERROR_CRYPT_FAIL),
-    CODE_ROW(ZEB_ERROR_CRYPT_BAD_ALGID),
-    CODE_ROW(ZEB_ERROR_CRYPT_BAD_DATA),
-    CODE_ROW(ZEB_ERROR_CRYPT_BAD_TYPE),
-    CODE_ROW(ZEB_ERROR_CRYPT_BAD_VER),
-    CODE_ROW(ZEB_ERROR_CRYPT_BAD_KEY),
-    CODE_ROW(ZEB_ERROR_CRYPT_BAD_HASH),
-    CODE_ROW(ZEB_ERROR_CRYPT_BAD_HASH_STATE),
-    CODE_ROW(ZEB_ERROR_CRYPT_BAD_LEN),
-    CODE_ROW(ZEB_ERROR_CRYPT_DOUBLE_ENCRYPT),
-    CODE_ROW(ZEB_ERROR_CRYPT_BAD_ENCODE),
-    CODE_ROW(ZEB_ERROR_CRYPT_INVALID_HANDLE),
-    CODE_ROW(ZEB_ERROR_CRYPT_BUSY),
-    CODE_ROW(ZEB_ERROR_CRYPT_INVALID_PARAMETER),
-    CODE_ROW(ZEB_ERROR_CRYPT_NOT_ENOUGH_MEMORY),
-    CODE_ROW(ZEB_ERROR_CRYPT_FILE_NOT_FOUND),
-    CODE_ROW(ZEB_ERROR_CRYPT_MORE_DATA),
-    CODE_ROW(ZEB_ERROR_CRYPT_BAD_KEY_STATE),
-    CODE_ROW(ZEB_ERROR_CRYPT_SILENT_CONTEXT),
-    CODE_ROW(ZEB_ERROR_CRYPT_GENERAL_ERROR),
-    CODE_ROW(ZEB_ERROR_SSPI_INSUFFICIENT_MEMORY),
-    CODE_ROW(ZEB_ERROR_SSPI_INTERNAL_ERROR),
-    CODE_ROW(ZEB_ERROR_SSPI_NO_CREDENTIALS),
-    CODE_ROW(ZEB_ERROR_SSPI_NOT_OWNER),
-    CODE_ROW(ZEB_ERROR_SSPI_SECPKG_NOT_FOUND),
-    CODE_ROW(ZEB_ERROR_SSPI_UNKNOWN_CREDENTIALS),
-    CODE_ROW(ZEB_ERROR_SSPI_INVALID_HANDLE),
-    CODE_ROW(ZEB_ERROR_SSPI_INVALID_TOKEN),
-    CODE_ROW(ZEB_ERROR_SSPI_LOGON_DENIED),
-    CODE_ROW(ZEB_ERROR_SSPI_NO_AUTHENTICATING_AUTHORITY),
-    CODE_ROW(ZEB_ERROR_SSPI_TARGET_UNKNOWN),
-    CODE_ROW(ZEB_ERROR_SSPI_UNSUPPORTED_FUNCTION),
-    CODE_ROW(ZEB_ERROR_SSPI_WRONG_PRINCIPAL),
-    CODE_ROW(ZEB_ERROR_SSPI_GENERAL_ERROR),
-    CODE_ROW(ZEB_ERROR_SOAP_VERSION_MISMATCH),
-    CODE_ROW(ZEB_ERROR_SOAP_MUST_UNDERSTAND),
-    CODE_ROW(ZEB_ERROR_SOAP_DATA_ENCODING_UNKNOWN),
-    CODE_ROW(ZEB_ERROR_SOAP_SENDER),
-    CODE_ROW(ZEB_ERROR_SOAP_RECEIVER),
-    CODE_ROW(ZEB_ERROR_FAULT_BAD_REQUEST),
-    CODE_ROW(ZEB_ERROR_FAULT_FAILED_AUTHENTICATION),
-    CODE_ROW(ZEB_ERROR_FAULT_NO_SUCH_ACCOUNT),
-    CODE_ROW(ZEB_ERROR_FAULT_NETWORK_ACCESS_ERROR),
-    CODE_ROW(ZEB_ERROR_FAULT_ILLEGAL_ARGUMENT),
-    CODE_ROW(ZEB_ERROR_FAULT_INVALID_REQUEST),
-    CODE_ROW(ZEB_ERROR_FAULT_INVALID_SECURITY),
-    CODE_ROW(ZEB_ERROR_FAULT_INVALID_SECURITY_TOKEN),
-    CODE_ROW(ZEB_ERROR_FAULT_INVALID_TIME_RANGE),
-    CODE_ROW(ZEB_ERROR_FAULT_REQUEST_FAILED),
-    CODE_ROW(ZEB_ERROR_FAULT_SECURITY_TOKEN_UNAVAILABLE),
-    CODE_ROW(ZEB_ERROR_FAULT_UNABLE_TO_RENEW),
-    CODE_ROW(ZEB_ERROR_FAULT_UNABLE_TO_RETRIEVE_POLICY),
-    CODE_ROW(ZEB_ERROR_FAULT_UNSUPPORTED_ALGORITHM),
-    CODE_ROW(ZEB_ERROR_FAULT_UNSUPPORTED_SECURITY_TOKEN),
-    CODE_ROW(ZEB_ERROR_FAULT_ELEMENT_DOES_NOT_EXIST),
-    CODE_ROW(ZEB_ERROR_FAULT_ELEMENT_EXIST),
-    CODE_ROW(ZEB_ERROR_FAULT_GENERAL),
-    CODE_ROW(ZEB_ERROR_FAULT_MAX_SESSION),
-    CODE_ROW(ZEB_ERROR_FAULT_AUTHENTICATION_BUSY),
-    CODE_ROW(ZEB_ERROR_FAULT_UNKNOWN_EXCEPTION),
-    CODE_ROW(ZEB_ERROR_FAULT_ISO_REQUIRED),
-    CODE_ROW(ZEB_ERROR_FAULT_POLICY),
-    CODE_ROW(ZEB_ERROR_FAULT_AUTHENTICATION_BAD_ELEMENTS),
-    CODE_ROW(ZEB_ERROR_FAULT_EXPIRED_DATA),
-    CODE_ROW(ZEB_ERROR_FAULT_INVALID_SCOPE),
-    CODE_ROW(ZEB_ERROR_FAULT_RENEW_NEEDED),
-    CODE_ROW(ZEB_ERROR_FAULT_LOCK_OUT_ERROR),
-    CODE_ROW(ZEB_ERROR_FAULT_LOGIN_SOAP_REQUEST_MESSAGE_ERROR),
-    CODE_ROW(ZEB_ERROR_FAULT_LOGIN_SERVICE_ERROR),
-    CODE_ROW(ZEB_ERROR_FAULT_SOAP_REQUEST_MESSAGE_ERROR),
-    CODE_ROW(ZEB_ERROR_FAULT_SOAP_RESPONSE_MESSAGE_ERROR),
-    CODE_ROW(ZEB_ERROR_FAULT_ROLE_MAPPING_DATA_ERROR),
-    CODE_ROW(ZEB_ERROR_FAULT_DRIVER_LOGIC_ERROR),
-    CODE_ROW(ZEB_ERROR_FAULT_ILLEGAL_ACT_PARAMETER),
-    CODE_ROW(ZEB_ERROR_FAULT_GET_ACT_ERROR_NOT_ZEB_MODE),
-    CODE_ROW(ZEB_ERROR_FAULT_INVALID_CONTEXT),
-    CODE_ROW(ZEB_ERROR_ACT_KEY_REQUIRED),
-    CODE_ROW(ZEB_ERROR_FAULT_GET_ACT_ERROR),
+#include "ResultCodeNames.inc"
 };
 #undef CODE_ROW
 
@@ -166,8 +41,25 @@ const char* CodeNameOf(DWORD code) {
     return "unknown code";
 }
 
+// Output of the flow: straight to stdout, or, on a thread of a --threads
+// run, into that thread's block so that lines of threads do not interleave.
+thread_local std::wstring* t_block = nullptr;
+
+void Out(const wchar_t* format, ...) {
+    wchar_t line[2048];
+    va_list args;
+    va_start(args, format);
+    _vsnwprintf(line, 2047, format, args);
+    va_end(args);
+    line[2047] = L'\0';
+    if (t_block)
+        t_block->append(line);
+    else
+        fputws(line, stdout);
+}
+
 void PrintStep(const wchar_t* step, DWORD code) {
-    wprintf(L"%-16ls -> 0x%08lx %hs\n", step, static_cast<unsigned long>(code), CodeNameOf(code));
+    Out(L"%-16ls -> 0x%08lx %hs\n", step, static_cast<unsigned long>(code), CodeNameOf(code));
 }
 
 using Bytes = std::vector<BYTE>;
@@ -238,7 +130,141 @@ void Usage() {
              L"usage: qvhost [--dll PATH] [--ini PATH] [--address HOST] [--port N] [--secure-port N]\n"
              L"              [--flags OPENFLAGS] [--mech Basic|Basic2|SDL|SDL2|NTLM] [--user ID]\n"
              L"              [--password PW] [--domain DOMAIN] [--auth-flags N] [--subject TEXT]\n"
-             L"              [--act-flags N] [--act-count N]\n");
+             L"              [--act-flags N] [--act-count N] [--threads N]\n");
+}
+
+// What one flow needs from the command line.
+struct FlowOptions {
+    const wchar_t* address = L"127.0.0.1";
+    const wchar_t* mech = L"Basic2";
+    const wchar_t* user = nullptr;
+    const wchar_t* password = nullptr;
+    const wchar_t* domain = L"";
+    const wchar_t* subject = L"qvhost";
+    DWORD openFlags = 0, authFlags = 0, actFlags = 0, actCount = 2;
+};
+
+// Open -> GetPolicy -> Authentication -> GetACT (act-count times) -> Close on
+// a session of its own; 0 when every call succeeded and every ACT verified.
+int RunFlow(const ZEB_INTERFACE* zeb, const FlowOptions& o) {
+    int exitCode = 1;
+    DWORD handle = 0;
+    bool opened = false;
+    do {
+        DWORD result = zeb->Open(o.address, &handle, o.openFlags);
+        PrintStep(L"Open", result);
+        Out(L"    address %ls, open flags 0x%lx, handle %lu\n", o.address, static_cast<unsigned long>(o.openFlags),
+            static_cast<unsigned long>(handle));
+        if (ZEB_FAILED(result)) break;
+        opened = true;
+
+        DWORD count = 0, sslFlag = 0;
+        AuthInfo* policy = nullptr;
+        result = zeb->GetPolicy(handle, &count, &policy, &sslFlag);
+        PrintStep(L"GetPolicy", result);
+        if (ZEB_FAILED(result)) break;
+        Out(L"    %lu entries, SSL flag %lu\n", static_cast<unsigned long>(count), static_cast<unsigned long>(sslFlag));
+        AuthInfo chosen = {};
+        bool offered = false;
+        for (DWORD i = 0; i < count; ++i) {
+            Out(L"    [%lu] Info \"%ls\"  AuthType \"%ls\"  EnableCredentialCache %lu\n", static_cast<unsigned long>(i),
+                policy[i].Info, policy[i].AuthType, static_cast<unsigned long>(policy[i].bEnableCredentialCache));
+            if (!offered && wcscmp(policy[i].AuthType, o.mech) == 0) {
+                chosen = policy[i];
+                offered = true;
+            }
+        }
+        zeb->BufferFree(policy);
+        Out(L"BufferFree       (policy list)\n");
+        if (!offered) {
+            Out(L"    the policy does not offer %ls; asking for it anyway\n", o.mech);
+            wcsncpy(chosen.AuthType, o.mech, 63);
+        }
+
+        std::wstring userText = o.user ? o.user : L"", passwordText = o.password ? o.password : L"",
+                     domainText = o.domain;
+        AuthCredential credential = {o.user ? &userText[0] : nullptr, o.password ? &passwordText[0] : nullptr,
+                                     &domainText[0]};
+        BYTE* output = nullptr;
+        DWORD outputSize = 0;
+        result = zeb->Authentication(handle, o.authFlags, &chosen, &credential, &output, &outputSize);
+        PrintStep(L"Authentication", result);
+        Out(L"    mechanism %ls, user \"%ls\", auth flags 0x%lx, output %lu bytes\n", chosen.AuthType,
+            userText.c_str(), static_cast<unsigned long>(o.authFlags), static_cast<unsigned long>(outputSize));
+        if (output) {
+            zeb->BufferFree(output);
+            Out(L"BufferFree       (authentication output)\n");
+        }
+        if (ZEB_FAILED(result)) break;
+
+        Bytes hmacKey;
+        bool allVerified = true;
+        for (DWORD round = 0; round < o.actCount; ++round) {
+            BYTE *key = nullptr, *act = nullptr, *signature = nullptr;
+            DWORD keySize = 0, actSize = 0, signatureSize = 0;
+            result = zeb->GetACT(handle, o.subject, o.actFlags, &key, &keySize, &act, &actSize, &signature,
+                                 &signatureSize);
+            PrintStep(L"GetACT", result);
+            Out(L"    subject \"%ls\", ACT flags 0x%lx: key %lu bytes, ACT %lu bytes, signature %lu bytes\n",
+                o.subject, static_cast<unsigned long>(o.actFlags), static_cast<unsigned long>(keySize),
+                static_cast<unsigned long>(actSize), static_cast<unsigned long>(signatureSize));
+            if (key) hmacKey.assign(key, key + keySize);
+            if (!ZEB_FAILED(result)) {
+                if (!key) Out(L"    no new key: the server still holds the one received before\n");
+                if (!signature) {
+                    Out(L"    the ACT is not signed\n");
+                } else {
+                    Bytes expected = HmacSha1(hmacKey, Bytes(act, act + actSize));
+                    bool verified = !hmacKey.empty() && expected == Bytes(signature, signature + signatureSize);
+                    Out(verified ? L"    signature verified\n" : L"    signature NOT verified\n");
+                    allVerified = allVerified && verified;
+                }
+            }
+            if (key) SecureZeroMemory(key, keySize);
+            zeb->BufferFree(key);
+            zeb->BufferFree(act);
+            zeb->BufferFree(signature);
+            Out(L"BufferFree       (key, ACT, signature)\n");
+            if (ZEB_FAILED(result)) break;
+        }
+        if (!hmacKey.empty()) SecureZeroMemory(hmacKey.data(), hmacKey.size());
+        if (ZEB_FAILED(result) || !allVerified) break;
+        exitCode = 0;
+    } while (false);
+
+    if (opened) {
+        zeb->Close(handle);
+        Out(L"Close            (handle %lu)\n", static_cast<unsigned long>(handle));
+    }
+    return exitCode;
+}
+
+// N flows at once, one thread each; 0 when every flow succeeded. Each
+// thread's output is printed after all have ended, in thread order.
+int RunFlowsInParallel(const ZEB_INTERFACE* zeb, const FlowOptions& o, DWORD threadCount) {
+    std::vector<std::wstring> blocks(threadCount);
+    std::vector<int> results(threadCount, 1);
+    std::vector<std::thread> threads;
+    for (DWORD i = 0; i < threadCount; ++i) {
+        threads.emplace_back([&, i] {
+            t_block = &blocks[i];
+            results[i] = RunFlow(zeb, o);
+            t_block = nullptr;
+        });
+    }
+    for (std::thread& t : threads) t.join();
+    int exitCode = 0;
+    for (DWORD i = 0; i < threadCount; ++i) {
+        size_t start = 0;
+        while (start < blocks[i].size()) {
+            size_t end = blocks[i].find(L'\n', start);
+            if (end == std::wstring::npos) end = blocks[i].size();
+            wprintf(L"[%lu] %ls\n", static_cast<unsigned long>(i + 1), blocks[i].substr(start, end - start).c_str());
+            start = end + 1;
+        }
+        if (results[i] != 0) exitCode = 1;
+    }
+    return exitCode;
 }
 
 }  // namespace
@@ -246,15 +272,10 @@ void Usage() {
 int wmain(int argc, wchar_t** argv) {
     const wchar_t* dll = L"Quorvantis.dll";
     const wchar_t* ini = nullptr;
-    const wchar_t* address = L"127.0.0.1";
     const wchar_t* port = nullptr;
     const wchar_t* securePort = nullptr;
-    const wchar_t* mech = L"Basic2";
-    const wchar_t* user = nullptr;
-    const wchar_t* password = nullptr;
-    const wchar_t* domain = L"";
-    const wchar_t* subject = L"qvhost";
-    DWORD openFlags = 0, authFlags = 0, actFlags = 0, actCount = 2;
+    FlowOptions o;
+    DWORD threadCount = 1;
     for (int i = 1; i < argc; i += 2) {
         const wchar_t* option = argv[i];
         if (i + 1 >= argc) {
@@ -264,22 +285,27 @@ int wmain(int argc, wchar_t** argv) {
         const wchar_t* value = argv[i + 1];
         if (wcscmp(option, L"--dll") == 0) dll = value;
         else if (wcscmp(option, L"--ini") == 0) ini = value;
-        else if (wcscmp(option, L"--address") == 0) address = value;
+        else if (wcscmp(option, L"--address") == 0) o.address = value;
         else if (wcscmp(option, L"--port") == 0) port = value;
         else if (wcscmp(option, L"--secure-port") == 0) securePort = value;
-        else if (wcscmp(option, L"--flags") == 0) openFlags = Number(value);
-        else if (wcscmp(option, L"--mech") == 0) mech = value;
-        else if (wcscmp(option, L"--user") == 0) user = value;
-        else if (wcscmp(option, L"--password") == 0) password = value;
-        else if (wcscmp(option, L"--domain") == 0) domain = value;
-        else if (wcscmp(option, L"--auth-flags") == 0) authFlags = Number(value);
-        else if (wcscmp(option, L"--subject") == 0) subject = value;
-        else if (wcscmp(option, L"--act-flags") == 0) actFlags = Number(value);
-        else if (wcscmp(option, L"--act-count") == 0) actCount = Number(value);
+        else if (wcscmp(option, L"--flags") == 0) o.openFlags = Number(value);
+        else if (wcscmp(option, L"--mech") == 0) o.mech = value;
+        else if (wcscmp(option, L"--user") == 0) o.user = value;
+        else if (wcscmp(option, L"--password") == 0) o.password = value;
+        else if (wcscmp(option, L"--domain") == 0) o.domain = value;
+        else if (wcscmp(option, L"--auth-flags") == 0) o.authFlags = Number(value);
+        else if (wcscmp(option, L"--subject") == 0) o.subject = value;
+        else if (wcscmp(option, L"--act-flags") == 0) o.actFlags = Number(value);
+        else if (wcscmp(option, L"--act-count") == 0) o.actCount = Number(value);
+        else if (wcscmp(option, L"--threads") == 0) threadCount = Number(value);
         else {
             Usage();
             return 2;
         }
+    }
+    if (threadCount < 1 || threadCount > 64) {
+        Usage();
+        return 2;
     }
 
     HMODULE module = LoadLibraryW(dll);
@@ -300,103 +326,17 @@ int wmain(int argc, wchar_t** argv) {
     int exitCode = 1;
     bool temporaryIni = false;
     std::wstring iniPath = PrepareIni(ini, port, securePort, &temporaryIni);
-    DWORD handle = 0;
-    bool opened = false;
-    do {
-        if (!iniPath.empty()) {
-            DWORD result = zeb->Initialize(iniPath.c_str());
-            PrintStep(L"Initialize", result);
-            if (ZEB_FAILED(result)) break;
-        } else if (ini || port || securePort) {
-            fwprintf(stderr, L"cannot prepare the ini file\n");
-            break;
-        }
-
-        DWORD result = zeb->Open(address, &handle, openFlags);
-        PrintStep(L"Open", result);
-        wprintf(L"    address %ls, open flags 0x%lx, handle %lu\n", address, static_cast<unsigned long>(openFlags),
-                static_cast<unsigned long>(handle));
-        if (ZEB_FAILED(result)) break;
-        opened = true;
-
-        DWORD count = 0, sslFlag = 0;
-        AuthInfo* policy = nullptr;
-        result = zeb->GetPolicy(handle, &count, &policy, &sslFlag);
-        PrintStep(L"GetPolicy", result);
-        if (ZEB_FAILED(result)) break;
-        wprintf(L"    %lu entries, SSL flag %lu\n", static_cast<unsigned long>(count),
-                static_cast<unsigned long>(sslFlag));
-        AuthInfo chosen = {};
-        bool offered = false;
-        for (DWORD i = 0; i < count; ++i) {
-            wprintf(L"    [%lu] Info \"%ls\"  AuthType \"%ls\"  EnableCredentialCache %lu\n", static_cast<unsigned long>(i),
-                    policy[i].Info, policy[i].AuthType, static_cast<unsigned long>(policy[i].bEnableCredentialCache));
-            if (!offered && wcscmp(policy[i].AuthType, mech) == 0) {
-                chosen = policy[i];
-                offered = true;
-            }
-        }
-        zeb->BufferFree(policy);
-        wprintf(L"BufferFree       (policy list)\n");
-        if (!offered) {
-            wprintf(L"    the policy does not offer %ls; asking for it anyway\n", mech);
-            wcsncpy(chosen.AuthType, mech, 63);
-        }
-
-        std::wstring userText = user ? user : L"", passwordText = password ? password : L"", domainText = domain;
-        AuthCredential credential = {user ? &userText[0] : nullptr, password ? &passwordText[0] : nullptr,
-                                     &domainText[0]};
-        BYTE* output = nullptr;
-        DWORD outputSize = 0;
-        result = zeb->Authentication(handle, authFlags, &chosen, &credential, &output, &outputSize);
-        PrintStep(L"Authentication", result);
-        wprintf(L"    mechanism %ls, user \"%ls\", auth flags 0x%lx, output %lu bytes\n", chosen.AuthType,
-                userText.c_str(), static_cast<unsigned long>(authFlags), static_cast<unsigned long>(outputSize));
-        if (output) {
-            zeb->BufferFree(output);
-            wprintf(L"BufferFree       (authentication output)\n");
-        }
-        if (ZEB_FAILED(result)) break;
-
-        Bytes hmacKey;
-        bool allVerified = true;
-        for (DWORD round = 0; round < actCount; ++round) {
-            BYTE *key = nullptr, *act = nullptr, *signature = nullptr;
-            DWORD keySize = 0, actSize = 0, signatureSize = 0;
-            result = zeb->GetACT(handle, subject, actFlags, &key, &keySize, &act, &actSize, &signature,
-                                 &signatureSize);
-            PrintStep(L"GetACT", result);
-            wprintf(L"    subject \"%ls\", ACT flags 0x%lx: key %lu bytes, ACT %lu bytes, signature %lu bytes\n",
-                    subject, static_cast<unsigned long>(actFlags), static_cast<unsigned long>(keySize),
-                    static_cast<unsigned long>(actSize), static_cast<unsigned long>(signatureSize));
-            if (key) hmacKey.assign(key, key + keySize);
-            if (!ZEB_FAILED(result)) {
-                if (!key) wprintf(L"    no new key: the server still holds the one received before\n");
-                if (!signature) {
-                    wprintf(L"    the ACT is not signed\n");
-                } else {
-                    Bytes expected = HmacSha1(hmacKey, Bytes(act, act + actSize));
-                    bool verified = !hmacKey.empty() && expected == Bytes(signature, signature + signatureSize);
-                    wprintf(verified ? L"    signature verified\n" : L"    signature NOT verified\n");
-                    allVerified = allVerified && verified;
-                }
-            }
-            if (key) SecureZeroMemory(key, keySize);
-            zeb->BufferFree(key);
-            zeb->BufferFree(act);
-            zeb->BufferFree(signature);
-            wprintf(L"BufferFree       (key, ACT, signature)\n");
-            if (ZEB_FAILED(result)) break;
-        }
-        if (!hmacKey.empty()) SecureZeroMemory(hmacKey.data(), hmacKey.size());
-        if (ZEB_FAILED(result) || !allVerified) break;
-        exitCode = 0;
-    } while (false);
-
-    if (opened) {
-        zeb->Close(handle);
-        wprintf(L"Close            (handle %lu)\n", static_cast<unsigned long>(handle));
+    bool initialized = true;
+    if (!iniPath.empty()) {
+        DWORD result = zeb->Initialize(iniPath.c_str());
+        PrintStep(L"Initialize", result);
+        initialized = !ZEB_FAILED(result);
+    } else if (ini || port || securePort) {
+        fwprintf(stderr, L"cannot prepare the ini file\n");
+        initialized = false;
     }
+    if (initialized) exitCode = threadCount == 1 ? RunFlow(zeb, o) : RunFlowsInParallel(zeb, o, threadCount);
+
     if (temporaryIni) DeleteFileW(iniPath.c_str());
     FreeLibrary(module);
     wprintf(exitCode == 0 ? L"done\n" : L"failed\n");
