@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cwchar>
+#include <memory>
 #include <new>
 #include <string>
 
@@ -12,10 +13,12 @@
 #include "common/HeapBuffer.h"
 #include "common/Module.h"
 #include "config/AddinSettings.h"
+#include "auth/IAuthentication.h"
 #include "crypto/Base64.h"
 #include "crypto/KeyCrypter.h"
 #include "device/CDevice.h"
 #include "device/CDeviceList.h"
+#include "clients/WSDrvCommClient.h"
 #include "log/WSCLog.h"
 
 namespace QuorvantisAPI {
@@ -42,14 +45,7 @@ AuSSSection g_handleLock;
 DWORD g_lastHandle = 0;
 CDeviceList g_devices;
 
-constexpr DWORD kHmacKeyBytes = 20;
-constexpr ALG_ID kKeyCrypterAlgorithm = 26115;  // CALG_3DES
-
-std::wstring DecimalText(DWORD value) {
-    wchar_t text[20] = {};
-    _ultow(value, text, 10);
-    return text;
-}
+constexpr DWORD kHmacKeyBytes = WSDrvCommClient::kHmacKeyBytes;
 
 }  // namespace
 
@@ -92,10 +88,7 @@ const ZEB_INTERFACE* WINAPI GetInterface(USHORT version) {
 
 DWORD WINAPI Initialize(LPCWSTR iniPath) {
     WSCLOG(4, L"Initialize IN");
-    if (!iniPath) {
-        WSCLOG(1, L"Initialize PARAMETER ZEB_ERROR = %08x", ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
+    if (!iniPath) return QV_FAIL(ZEB_ERROR_INVALID_PARAMETER, L"Initialize PARAMETER ZEB_ERROR = %08x");
     try {
         AddinSettings::Replace(std::make_shared<const AddinSettings>(iniPath));
     } catch (...) {
@@ -107,31 +100,22 @@ DWORD WINAPI Initialize(LPCWSTR iniPath) {
 
 DWORD WINAPI Open(LPCWSTR address, DWORD* handle, DWORD openFlags) {
     WSCLOG(4, L"Open IN");
-    if (!address || !*address || !handle) {
-        WSCLOG(1, L"Open PARAMETER ZEB_ERROR = %08x", ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
+    if (!address || !*address || !handle)
+        return QV_FAIL(ZEB_ERROR_INVALID_PARAMETER, L"Open PARAMETER ZEB_ERROR = %08x");
     DWORD newHandle;
     {
         AuSSLock lock(g_handleLock);
         newHandle = ++g_lastHandle;
         *handle = newHandle;
     }
-    CDevice* device = nullptr;
+    // The session is ours until Close; the list only finds it.
+    std::unique_ptr<CDevice> device;
     try {
-        device = new (std::nothrow) CDevice(address, newHandle);
+        device.reset(new (std::nothrow) CDevice(address, newHandle));
     } catch (...) {
-        device = nullptr;
     }
-    if (!device) {
-        WSCLOG(1, L"Open new CDevice ZEB_ERROR = %08x", ZEB_ERROR_OUTOFMEMORY);
-        return ZEB_ERROR_OUTOFMEMORY;
-    }
-    if (!g_devices.Add(device)) {
-        delete device;
-        WSCLOG(1, L"Open new CDevice ZEB_ERROR = %08x", ZEB_ERROR_OUTOFMEMORY);
-        return ZEB_ERROR_OUTOFMEMORY;
-    }
+    if (!device || !g_devices.Add(device.get()))
+        return QV_FAIL(ZEB_ERROR_OUTOFMEMORY, L"Open new CDevice ZEB_ERROR = %08x");
     DWORD result;
     try {
         result = device->Open(openFlags);
@@ -139,24 +123,23 @@ DWORD WINAPI Open(LPCWSTR address, DWORD* handle, DWORD openFlags) {
         result = ZEB_ERROR_OUTOFMEMORY;
     }
     if (ZEB_FAILED(result)) {
-        g_devices.Remove(device);
-        delete device;
+        g_devices.Remove(device.get());
         return result;
     }
+    static_cast<void>(device.release());  // the table owns it now; Close destroys it
     WSCLOG(4, L"Open OUT");
     return result;
 }
 
 void WINAPI Close(DWORD handle) {
     WSCLOG(4, L"Close IN");
-    CDevice* device = g_devices.GetCDevice(handle);
+    std::unique_ptr<CDevice> device(g_devices.GetCDevice(handle));
     if (device) {
-        g_devices.Remove(device);
+        g_devices.Remove(device.get());
         try {
             device->Close();
         } catch (...) {
         }
-        delete device;
     }
     WSCLOG(4, L"Close OUT");
 }
@@ -171,15 +154,10 @@ void WINAPI BufferFree(void* buffer) {
 
 DWORD WINAPI GetPolicy(DWORD handle, DWORD* count, AuthInfo** list, DWORD* sslFlag) {
     WSCLOG(4, L"GetPolicy IN");
-    if (!count || !list || !sslFlag) {
-        WSCLOG(1, L"GetPolicy PARAMETER ZEB_ERROR = %08x", ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
+    if (!count || !list || !sslFlag)
+        return QV_FAIL(ZEB_ERROR_INVALID_PARAMETER, L"GetPolicy PARAMETER ZEB_ERROR = %08x");
     CDevice* device = g_devices.GetCDevice(handle);
-    if (!device) {
-        WSCLOG(1, L"GetPolicy CDeviceList::GetCDevice ZEB_ERROR = %08x", ZEB_ERROR_INVALID_HANDLE);
-        return ZEB_ERROR_INVALID_HANDLE;
-    }
+    if (!device) return QV_FAIL(ZEB_ERROR_INVALID_HANDLE, L"GetPolicy CDeviceList::GetCDevice ZEB_ERROR = %08x");
     // The session fills outputs of our own, so a failure never frees whatever
     // the host left in its list pointer.
     DWORD policyCount = 0;
@@ -202,42 +180,14 @@ DWORD WINAPI GetPolicy(DWORD handle, DWORD* count, AuthInfo** list, DWORD* sslFl
     return result;
 }
 
-namespace {
-
-// The credential fields each mechanism needs, checked before any session work.
-bool CredentialsFit(DWORD flags, const AuthInfo* authInfo, const AuthCredential* credential, BYTE** output,
-                    DWORD* outputSize) {
-    // AuthType is a fixed array: a name filling all of it has no terminator
-    // and matches nothing.
-    const size_t typeChars = sizeof(authInfo->AuthType) / sizeof(authInfo->AuthType[0]);
-    if (wcsnlen(authInfo->AuthType, typeChars) == typeChars) return false;
-    const wchar_t* type = authInfo->AuthType;
-    auto allThree = [&] { return credential && credential->UserID && credential->Password && credential->Domain; };
-    if (wcscmp(type, L"NTLM") == 0) return !(flags & AUTH_FLAG_EXPLICIT_CREDENTIAL) || allThree();
-    if (wcscmp(type, L"SDL") == 0 || wcscmp(type, L"SDL2") == 0) {
-        if (!credential || !credential->UserID) return false;
-        if (!(flags & AUTH_FLAG_DIGEST_PASSWORD) && !credential->Password) return false;
-        if ((flags & AUTH_FLAG_RETURN_DIGEST) && (!output || !outputSize)) return false;
-        return true;
-    }
-    if (wcscmp(type, L"Basic") == 0 || wcscmp(type, L"Basic2") == 0) return allThree();
-    return false;
-}
-
-}  // namespace
 
 DWORD WINAPI Authentication(DWORD handle, DWORD authFlags, const AuthInfo* authInfo, AuthCredential* credential,
                             BYTE** output, DWORD* outputSize) {
     WSCLOG(4, L"Authentication IN");
-    if (!authInfo || !CredentialsFit(authFlags, authInfo, credential, output, outputSize)) {
-        WSCLOG(1, L"Authentication ERROR_INVALID_PARAMETER ZEB_ERROR = %08x", ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
+    if (!authInfo || qv::CheckCredentials(authFlags, *authInfo, credential, output, outputSize) != qv::CredentialFit::Fits)
+        return QV_FAIL(ZEB_ERROR_INVALID_PARAMETER, L"Authentication ERROR_INVALID_PARAMETER ZEB_ERROR = %08x");
     CDevice* device = g_devices.GetCDevice(handle);
-    if (!device) {
-        WSCLOG(1, L"Authentication CDeviceList::GetCDevice ZEB_ERROR = %08x", ZEB_ERROR_INVALID_HANDLE);
-        return ZEB_ERROR_INVALID_HANDLE;
-    }
+    if (!device) return QV_FAIL(ZEB_ERROR_INVALID_HANDLE, L"Authentication CDeviceList::GetCDevice ZEB_ERROR = %08x");
     // The session always gets outputs of its own; the host sees them only
     // when it asked for the digest.
     BYTE* buffer = nullptr;
@@ -283,12 +233,9 @@ void ClearActOutputs(BYTE** hmacKey, DWORD* hmacKeySize, BYTE** act, DWORD* actS
 // short-lived key container; on failure nothing is left behind.
 DWORD MakeHmacKey(BYTE** hmacKey, DWORD* hmacKeySize) {
     *hmacKey = static_cast<BYTE*>(std::calloc(kHmacKeyBytes, 1));
-    if (!*hmacKey) {
-        WSCLOG(1, L"GetACT malloc ppHMACKey ZEB_ERROR = %08x", ZEB_ERROR_OUTOFMEMORY);
-        return ZEB_ERROR_OUTOFMEMORY;
-    }
+    if (!*hmacKey) return QV_FAIL(ZEB_ERROR_OUTOFMEMORY, L"GetACT malloc ppHMACKey ZEB_ERROR = %08x");
     KeyCrypter crypter;
-    DWORD result = crypter.Initialize(kKeyCrypterAlgorithm, 0);
+    DWORD result = crypter.Initialize(KeyCrypter::kKeyExchangeAlgorithm, 0);
     if (!ZEB_FAILED(result)) {
         result = crypter.Next(*hmacKey, kHmacKeyBytes);
         if (!ZEB_FAILED(result)) {
@@ -305,56 +252,48 @@ DWORD MakeHmacKey(BYTE** hmacKey, DWORD* hmacKeySize) {
     return result;
 }
 
+// The server holds no usable key for this client: fetch its public key, make
+// a new HMAC key (handed to the host in *hmacKey) and fill the key fields of
+// the second attempt with both.
+DWORD OfferNewKey(CDevice* device, ActKeyFields* key, BYTE** hmacKey, DWORD* hmacKeySize) {
+    WSCLOG(4, L"GetPublicKey IN");
+    std::wstring keyLength;  // not passed on
+    key->publicKeyAlgorithm.clear();
+    key->publicKeyStrength.clear();
+    key->publicKey.clear();
+    DWORD result = device->GetPublicKey(&key->publicKeyAlgorithm, &key->publicKeyStrength, &keyLength,
+                                        &key->publicKey);
+    if (ZEB_FAILED(result)) return result;
+    WSCLOG(4, L"GetPublicKey OUT");
+
+    key->hmacAlgorithm = std::to_wstring(WSDrvCommClient::kHmacAlgorithm);
+    key->hmacKeyStrength = std::to_wstring(WSDrvCommClient::kHmacKeyStrength);
+    result = MakeHmacKey(hmacKey, hmacKeySize);
+    if (ZEB_FAILED(result)) return result;
+    key->hmacKey = Base64Encoding(*hmacKey, kHmacKeyBytes);
+    if (key->hmacKey.empty())
+        return QV_FAIL(ZEB_ERROR_OUTOFMEMORY, L"GetACT Base64Encoding ppHMACKey ZEB_ERROR = %08x");
+    return result;
+}
+
 DWORD RunGetAct(CDevice* device, LPCWSTR subject, DWORD actFlags, BYTE** hmacKey, DWORD* hmacKeySize, BYTE** act,
-                     DWORD* actSize, BYTE** signature, DWORD* signatureSize) {
+                DWORD* actSize, BYTE** signature, DWORD* signatureSize) {
     *hmacKey = *act = *signature = nullptr;
     *hmacKeySize = *actSize = *signatureSize = 0;
 
-    std::wstring hmacAlgorithm = DecimalText(0);
-    std::wstring hmacKeyStrength = DecimalText(0);
-    std::wstring hmacKeyText;
-    // The key's Base64 text is as secret as the key: wiped on every way out.
-    struct WipeOnExit {
-        std::wstring& text;
-        ~WipeOnExit() { qv::SecureWipe(text); }
-    } wipeKeyText{hmacKeyText};
-    std::wstring publicKeyAlgorithm = DecimalText(0);
-    std::wstring publicKeyStrength = DecimalText(0);
-    std::wstring publicKey;
+    ActKeyFields key;  // the first attempt names no key
     std::wstring actText;
     std::wstring signatureText;
-
-    DWORD result = device->GetACT(subject, actFlags, hmacAlgorithm, hmacKeyStrength, hmacKeyText, publicKeyAlgorithm,
-                                  publicKeyStrength, publicKey, &actText, &signatureText);
+    DWORD result = device->GetACT(subject, actFlags, key, &actText, &signatureText);
     if (ZEB_FAILED(result) && result != ZEB_ERROR_ACT_KEY_REQUIRED) return result;
 
     if (result == ZEB_ERROR_ACT_KEY_REQUIRED) {
-        // The server holds no usable key for this client: send it a new one,
-        // encrypted with its public key.
-        WSCLOG(4, L"GetPublicKey IN");
-        std::wstring keyLength;
-        publicKeyAlgorithm.clear();
-        publicKeyStrength.clear();
-        publicKey.clear();
-        result = device->GetPublicKey(&publicKeyAlgorithm, &publicKeyStrength, &keyLength, &publicKey);
-        if (ZEB_FAILED(result)) return result;
-        WSCLOG(4, L"GetPublicKey OUT");
-
-        hmacAlgorithm = DecimalText(301);
-        hmacKeyStrength = DecimalText(1);
-        result = MakeHmacKey(hmacKey, hmacKeySize);
-        if (ZEB_FAILED(result)) return result;
-
-        hmacKeyText = Base64Encoding(*hmacKey, kHmacKeyBytes);
-        if (hmacKeyText.empty()) {
-            ClearActOutputs(hmacKey, hmacKeySize, act, actSize, signature, signatureSize);
-            WSCLOG(1, L"GetACT Base64Encoding ppHMACKey ZEB_ERROR = %08x", ZEB_ERROR_OUTOFMEMORY);
-            return ZEB_ERROR_OUTOFMEMORY;
+        result = OfferNewKey(device, &key, hmacKey, hmacKeySize);
+        if (!ZEB_FAILED(result)) {
+            actText.clear();
+            signatureText.clear();
+            result = device->GetACT(subject, actFlags, key, &actText, &signatureText);
         }
-        actText.clear();
-        signatureText.clear();
-        result = device->GetACT(subject, actFlags, hmacAlgorithm, hmacKeyStrength, hmacKeyText, publicKeyAlgorithm,
-                                publicKeyStrength, publicKey, &actText, &signatureText);
         if (ZEB_FAILED(result)) {
             ClearActOutputs(hmacKey, hmacKeySize, act, actSize, signature, signatureSize);
             return result;
@@ -377,15 +316,10 @@ DWORD RunGetAct(CDevice* device, LPCWSTR subject, DWORD actFlags, BYTE** hmacKey
 DWORD WINAPI GetACT(DWORD handle, LPCWSTR subject, DWORD actFlags, BYTE** hmacKey, DWORD* hmacKeySize, BYTE** act,
                     DWORD* actSize, BYTE** signature, DWORD* signatureSize) {
     WSCLOG(4, L"GetACT IN");
-    if (!subject || !hmacKey || !hmacKeySize || !act || !actSize || !signature || !signatureSize) {
-        WSCLOG(1, L"GetACT ERROR_INVALID_PARAMETER ZEB_ERROR = %08x", ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
+    if (!subject || !hmacKey || !hmacKeySize || !act || !actSize || !signature || !signatureSize)
+        return QV_FAIL(ZEB_ERROR_INVALID_PARAMETER, L"GetACT ERROR_INVALID_PARAMETER ZEB_ERROR = %08x");
     CDevice* device = g_devices.GetCDevice(handle);
-    if (!device) {
-        WSCLOG(1, L"GetACT CDeviceList::GetCDevice ZEB_ERROR = %08x", ZEB_ERROR_INVALID_HANDLE);
-        return ZEB_ERROR_INVALID_HANDLE;
-    }
+    if (!device) return QV_FAIL(ZEB_ERROR_INVALID_HANDLE, L"GetACT CDeviceList::GetCDevice ZEB_ERROR = %08x");
     try {
         return RunGetAct(device, subject, actFlags, hmacKey, hmacKeySize, act, actSize, signature,
                               signatureSize);

@@ -20,7 +20,7 @@ Auth_Basic::~Auth_Basic() {
     WSCLOG(4, L"Auth_Basic destructor OUT");
 }
 
-DWORD Auth_Basic::Authentication(CSoapTrans* transport, DWORD flags, const AuthInfo* authInfo,
+DWORD Auth_Basic::Authentication(CSoapTrans* transport, DWORD /*flags*/, const AuthInfo* authInfo,
                                  AuthCredential* credential, std::wstring servicePath, USHORT port,
                                  USHORT securePort, std::wstring address, std::wstring* assertionId,
                                  std::wstring* samlToken, BYTE** digest, DWORD* digestSize) {
@@ -36,12 +36,12 @@ DWORD Auth_Basic::Authentication(CSoapTrans* transport, DWORD flags, const AuthI
 
     std::wstring payload;
     DWORD result = MakeRstData(credential, &payload);
-    if (result & ZEB_FAILURE_MASK) return result;
+    if (ZEB_FAILED(result)) return result;
 
     RST_Basic message(credential->Domain, qv::AuthInfoText(authInfo->AuthType), payload);
     qv::SecureWipe(payload);
     result = Request(&message, servicePath, port, securePort, address);
-    if (result & ZEB_FAILURE_MASK) return result;
+    if (ZEB_FAILED(result)) return result;
 
     *assertionId = message.m_assertionID;
     *samlToken = message.m_samlToken;
@@ -51,10 +51,8 @@ DWORD Auth_Basic::Authentication(CSoapTrans* transport, DWORD flags, const AuthI
 
 DWORD Auth_Basic::MakeRstData(const AuthCredential* credential, std::wstring* payload) {
     WSCLOG(4, L"Auth_Basic::MakeRstData IN");
-    if (!credential || !credential->UserID || !credential->Password || !credential->Domain || !payload) {
-        WSCLOG(1, L"Auth_Basic::MakeRstData PARAMETER ZEB_ERROR = %08x", ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
+    if (!credential || !credential->UserID || !credential->Password || !credential->Domain || !payload)
+        return QV_FAIL(ZEB_ERROR_INVALID_PARAMETER, L"Auth_Basic::MakeRstData PARAMETER ZEB_ERROR = %08x");
 
     // The values go in verbatim: the fragment travels Base64-encoded and this
     // side never parses it, so nothing in it needs escaping. It holds the
@@ -67,17 +65,12 @@ DWORD Auth_Basic::MakeRstData(const AuthCredential* credential, std::wstring* pa
     DWORD utf8Length = 0;
     char* utf8 = ConvertWideToMulti(fragment.c_str(), CP_UTF8, &utf8Length);
     qv::SecureWipe(fragment);
-    if (!utf8) {
-        WSCLOG(1, L"Auth_Basic::MakeRstData ConvertWideToMulti ZEB_ERROR = %08x", ZEB_ERROR_OUTOFMEMORY);
-        return ZEB_ERROR_OUTOFMEMORY;
-    }
+    if (!utf8) return QV_FAIL(ZEB_ERROR_OUTOFMEMORY, L"Auth_Basic::MakeRstData ConvertWideToMulti ZEB_ERROR = %08x");
 
     *payload = Base64Encoding(reinterpret_cast<const BYTE*>(utf8), utf8Length);
     qv::FreeSecret(utf8, utf8Length);
-    if (payload->empty()) {
-        WSCLOG(1, L"Auth_Basic::MakeRstData Base64Encoding ZEB_ERROR = %08x", ZEB_ERROR_OUTOFMEMORY);
-        return ZEB_ERROR_OUTOFMEMORY;
-    }
+    if (payload->empty())
+        return QV_FAIL(ZEB_ERROR_OUTOFMEMORY, L"Auth_Basic::MakeRstData Base64Encoding ZEB_ERROR = %08x");
     WSCLOG(4, L"Auth_Basic::MakeRstData OUT");
     return 0;
 }

@@ -14,7 +14,7 @@ Auth_Basic2::~Auth_Basic2() {
     WSCLOG(4, L"Auth_Basic2 destructor OUT");
 }
 
-DWORD Auth_Basic2::Authentication(CSoapTrans* transport, DWORD flags, const AuthInfo* authInfo,
+DWORD Auth_Basic2::Authentication(CSoapTrans* transport, DWORD /*flags*/, const AuthInfo* authInfo,
                                   AuthCredential* credential, std::wstring servicePath, USHORT port,
                                   USHORT securePort, std::wstring address, std::wstring* assertionId,
                                   std::wstring* samlToken, BYTE** digest, DWORD* digestSize) {
@@ -32,7 +32,7 @@ DWORD Auth_Basic2::Authentication(CSoapTrans* transport, DWORD flags, const Auth
     // serialises; the record stays the caller's.
     RST_Basic2 message(credential->Domain, qv::AuthInfoText(authInfo->AuthType), credential);
     DWORD result = Request(&message, servicePath, port, securePort, address);
-    if (result & ZEB_FAILURE_MASK) return result;
+    if (ZEB_FAILED(result)) return result;
 
     *assertionId = message.m_assertionID;
     *samlToken = message.m_samlToken;

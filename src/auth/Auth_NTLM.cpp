@@ -40,6 +40,10 @@ constexpr SspiErrorRow kSspiErrors[] = {
     {static_cast<DWORD>(SEC_E_WRONG_PRINCIPAL), ZEB_ERROR_SSPI_WRONG_PRINCIPAL},
 };
 
+// A failed SSPI call: the thread's last error mapped, logged for the call
+// site and returned.
+#define QV_SSPI_FAILED(format) QV_LAST_ERROR(&Auth_NTLM::MapSspiError, format)
+
 }  // namespace
 
 DWORD Auth_NTLM::MapSspiError(DWORD error) {
@@ -90,14 +94,14 @@ DWORD Auth_NTLM::Authentication(CSoapTrans* transport, DWORD flags, const AuthIn
 
     std::wstring payload;
     DWORD result = MakeRstData(flags, credential, &payload);
-    if (result & ZEB_FAILURE_MASK) return result;
+    if (ZEB_FAILED(result)) return result;
 
     std::wstring domain;
     if (explicitCredential) {
         domain = credential->Domain;
     } else {
         result = GetLogonUserDomain(&domain);
-        if (result & ZEB_FAILURE_MASK) {
+        if (ZEB_FAILED(result)) {
             EndExchange();
             return result;
         }
@@ -105,18 +109,18 @@ DWORD Auth_NTLM::Authentication(CSoapTrans* transport, DWORD flags, const AuthIn
 
     RST_NTLM negotiate(domain, qv::AuthInfoText(authInfo->AuthType), payload);
     result = Request(&negotiate, servicePath, port, securePort, address);
-    if (result & ZEB_FAILURE_MASK) {
+    if (ZEB_FAILED(result)) {
         EndExchange();
         return result;
     }
 
     std::wstring answer;
     result = MakeRstrData(negotiate.m_challenge, &answer);
-    if (result & ZEB_FAILURE_MASK) return result;
+    if (ZEB_FAILED(result)) return result;
 
     RSTR_NTLM authenticate(answer, negotiate.m_context);
     result = Request(&authenticate, servicePath, port, securePort, address);
-    if (result & ZEB_FAILURE_MASK) return result;
+    if (ZEB_FAILED(result)) return result;
 
     *assertionId = authenticate.m_assertionID;
     *samlToken = authenticate.m_samlToken;
@@ -155,13 +159,9 @@ DWORD Auth_NTLM::MakeRstData(DWORD flags, const AuthCredential* credential, std:
 
     PSecPkgInfoW packageInfo = nullptr;
     SECURITY_STATUS status = QuerySecurityPackageInfoW(kNtlmPackage, &packageInfo);
-    if (status != SEC_E_OK) {
-        // The thread's last error is what gets mapped, not the status.
-        DWORD error = GetLastError();
-        DWORD code = MapSspiError(error);
-        WSCLOG(1, L"Auth_NTLM::MakeRstData QuerySecurityPackageInfo Error = %08x, ZEB_ERROR = %08x", error, code);
-        return code;
-    }
+    // Here and below the thread's last error is what gets mapped, not the status.
+    if (status != SEC_E_OK)
+        return QV_SSPI_FAILED(L"Auth_NTLM::MakeRstData QuerySecurityPackageInfo Error = %08x, ZEB_ERROR = %08x");
     m_packageInfo.reset(packageInfo);
     m_cbMaxToken = packageInfo->cbMaxToken;
 
@@ -178,13 +178,11 @@ DWORD Auth_NTLM::MakeRstData(DWORD flags, const AuthCredential* credential, std:
     }
 
     TimeStamp expiry;
-    qv::SspiHandleValue* credentials = m_credentials.addressof();
+    qv::SspiHandle* credentials = m_credentials.put();
     status = AcquireCredentialsHandleW(nullptr, kNtlmPackage, SECPKG_CRED_OUTBOUND, nullptr, identity, nullptr,
                                        nullptr, &credentials->handle, &expiry);
     if (status != SEC_E_OK) {
-        DWORD error = GetLastError();
-        DWORD code = MapSspiError(error);
-        WSCLOG(1, L"Auth_NTLM::MakeRstData AcquireCredentialsHandle Error = %08x, ZEB_ERROR = %08x", error, code);
+        const DWORD code = QV_SSPI_FAILED(L"Auth_NTLM::MakeRstData AcquireCredentialsHandle Error = %08x, ZEB_ERROR = %08x");
         EndExchange();
         return code;
     }
@@ -199,8 +197,8 @@ DWORD Auth_NTLM::MakeRstData(DWORD flags, const AuthCredential* credential, std:
     SecBuffer outBuffer = {m_cbMaxToken, SECBUFFER_TOKEN, token.get()};
     SecBufferDesc outDescription = {SECBUFFER_VERSION, 1, &outBuffer};
 
-    qv::SspiHandleValue credentialsValue = m_credentials.get();
-    qv::SspiHandleValue* context = m_context.addressof();
+    qv::SspiHandle credentialsValue = m_credentials.get();
+    qv::SspiHandle* context = m_context.put();
     ULONG attributes = 0;
     status = m_pfnInitializeSecurityContext(&credentialsValue.handle, nullptr, nullptr, 0, 0,
                                             SECURITY_NATIVE_DREP, nullptr, 0, &context->handle, &outDescription,
@@ -209,10 +207,10 @@ DWORD Auth_NTLM::MakeRstData(DWORD flags, const AuthCredential* credential, std:
     // Any success status leaves a context behind that must be deleted.
     context->valid = status >= 0;
     if (status != SEC_I_CONTINUE_NEEDED) {
-        DWORD code = MapSspiError(error);
         WSCLOG(1, L"Auth_NTLM::MakeRstData InitializeSecurityContext SECURITY_STATUS = %08x",
                static_cast<DWORD>(status));
-        WSCLOG(1, L"Auth_NTLM::MakeRstData InitializeSecurityContext Error = %08x, ZEB_ERROR = %08x", error, code);
+        const DWORD code = QV_FAILURE(error, &MapSspiError,
+                                      L"Auth_NTLM::MakeRstData InitializeSecurityContext Error = %08x, ZEB_ERROR = %08x");
         EndExchange();
         return code;
     }
@@ -241,9 +239,9 @@ DWORD Auth_NTLM::MakeRstrData(const std::wstring& challenge, std::wstring* paylo
         return ZEB_ERROR_GENERAL_INVALID_INSTANCE;
     }
 
-    BYTE* challengeRaw = nullptr;
-    DWORD challengeSize = Base64Decoding(challenge, &challengeRaw);
-    qv::ByteBuffer challengeBytes(challengeRaw, challengeSize);
+    qv::ByteBuffer challengeBytes;
+    DWORD challengeSize = 0;
+    challengeSize = Base64Decoding(challenge, qv::out_param(challengeBytes, challengeSize));
     if (challengeSize == 0 || !challengeBytes) {
         WSCLOG(1, L"Auth_NTLM::MakeRstrData Base64Decoding challenge ZEB_ERROR = %08x", ZEB_ERROR_OUTOFMEMORY);
         EndExchange();
@@ -263,7 +261,7 @@ DWORD Auth_NTLM::MakeRstrData(const std::wstring& challenge, std::wstring* paylo
 
     // The context is both input and output of the call; the holder keeps it
     // whatever the call does to it.
-    qv::SspiHandleValue context = m_context.release();
+    qv::SspiHandle context = m_context.release();
     ULONG attributes = 0;
     TimeStamp expiry;
     SECURITY_STATUS status =
@@ -272,38 +270,32 @@ DWORD Auth_NTLM::MakeRstrData(const std::wstring& challenge, std::wstring* paylo
     DWORD error = GetLastError();
     m_context.reset(context);
     if (status != SEC_E_OK) {
-        DWORD code = MapSspiError(error);
         // The first words are those of the first leg: the text as it has always been.
         WSCLOG(1, L"Auth_NTLM::MakeRstData InitializeSecurityContext SECURITY_STATUS = %08x",
                static_cast<DWORD>(status));
-        WSCLOG(1, L"Auth_NTLM::MakeRstrData InitializeSecurityContext Error = %08x, ZEB_ERROR = %08x", error, code);
+        const DWORD code = QV_FAILURE(error, &MapSspiError,
+                                      L"Auth_NTLM::MakeRstrData InitializeSecurityContext Error = %08x, ZEB_ERROR = %08x");
         EndExchange();
         return code;
     }
 
     *payload = Base64Encoding(token.get(), outBuffer.cbBuffer);
     EndExchange();
-    if (payload->empty()) {
-        WSCLOG(1, L"Auth_NTLM::MakeRstrData Base64Encoding ob ZEB_ERROR = %08x", ZEB_ERROR_OUTOFMEMORY);
-        return ZEB_ERROR_OUTOFMEMORY;
-    }
+    if (payload->empty())
+        return QV_FAIL(ZEB_ERROR_OUTOFMEMORY, L"Auth_NTLM::MakeRstrData Base64Encoding ob ZEB_ERROR = %08x");
     WSCLOG(4, L"Auth_NTLM::MakeRstrData OUT");
     return 0;
 }
 
 DWORD Auth_NTLM::GetLogonUserDomain(std::wstring* domain) {
     WSCLOG(4, L"Auth_NTLM::GetLogonUserDomain IN");
-    if (!domain) {
-        WSCLOG(1, L"Auth_NTLM::GetLogonUserDomain PARAMETER ZEB_ERROR = %08x", ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
+    if (!domain)
+        return QV_FAIL(ZEB_ERROR_INVALID_PARAMETER, L"Auth_NTLM::GetLogonUserDomain PARAMETER ZEB_ERROR = %08x");
     domain->clear();
 
     qv::WideBuffer userName;
-    if (!userName.allocate((kNameCapacity + 1) * sizeof(wchar_t))) {
-        WSCLOG(1, L"GetLogonUserDomain malloc pUserName ZEB_ERROR = %08x", ZEB_ERROR_OUTOFMEMORY);
-        return ZEB_ERROR_OUTOFMEMORY;
-    }
+    if (!userName.allocate((kNameCapacity + 1) * sizeof(wchar_t)))
+        return QV_FAIL(ZEB_ERROR_OUTOFMEMORY, L"GetLogonUserDomain malloc pUserName ZEB_ERROR = %08x");
     // Failures of the platform calls leave the name or domain empty; the
     // server then decides.
     ULONG userNameSize = kNameCapacity;
@@ -315,15 +307,11 @@ DWORD Auth_NTLM::GetLogonUserDomain(std::wstring* domain) {
     LookupAccountNameW(nullptr, userName.get(), nullptr, &sidSize, nullptr, &domainSize, &use);
 
     qv::WideBuffer domainName;
-    if (!domainName.allocate((kNameCapacity + 1) * sizeof(wchar_t))) {
-        WSCLOG(1, L"GetLogonUserDomain malloc pDomain ZEB_ERROR = %08x", ZEB_ERROR_OUTOFMEMORY);
-        return ZEB_ERROR_OUTOFMEMORY;
-    }
+    if (!domainName.allocate((kNameCapacity + 1) * sizeof(wchar_t)))
+        return QV_FAIL(ZEB_ERROR_OUTOFMEMORY, L"GetLogonUserDomain malloc pDomain ZEB_ERROR = %08x");
     qv::ByteBuffer sid;
-    if (!sid.allocate(sidSize)) {
-        WSCLOG(1, L"GetLogonUserDomain malloc pSid ZEB_ERROR = %08x", ZEB_ERROR_OUTOFMEMORY);
-        return ZEB_ERROR_OUTOFMEMORY;
-    }
+    if (!sid.allocate(sidSize))
+        return QV_FAIL(ZEB_ERROR_OUTOFMEMORY, L"GetLogonUserDomain malloc pSid ZEB_ERROR = %08x");
     domainSize = kNameCapacity;
     LookupAccountNameW(nullptr, userName.get(), sid.get(), &sidSize, domainName.get(), &domainSize, &use);
 

@@ -17,42 +17,7 @@
 #include <string>
 
 #include "auth/IAuthentication.h"
-#include "common/UniqueHandle.h"
-
-namespace qv {
-
-// An SSPI handle reserves no "invalid" value, so it travels with a flag that
-// says whether it holds anything.
-struct SspiHandleValue {
-    SecHandle handle;
-    bool valid;
-};
-inline bool operator==(const SspiHandleValue& a, const SspiHandleValue& b) {
-    if (a.valid != b.valid) return false;
-    return !a.valid || (a.handle.dwLower == b.handle.dwLower && a.handle.dwUpper == b.handle.dwUpper);
-}
-inline bool operator!=(const SspiHandleValue& a, const SspiHandleValue& b) { return !(a == b); }
-
-struct SspiCredentialTraits {
-    using Type = SspiHandleValue;
-    static Type Invalid() { return Type{{0, 0}, false}; }
-    static void Close(Type value) { FreeCredentialsHandle(&value.handle); }
-};
-struct SspiContextTraits {
-    using Type = SspiHandleValue;
-    static Type Invalid() { return Type{{0, 0}, false}; }
-    static void Close(Type value) { DeleteSecurityContext(&value.handle); }
-};
-struct SspiPackageInfoTraits {
-    using Type = PSecPkgInfoW;
-    static Type Invalid() { return nullptr; }
-    static void Close(Type value) { FreeContextBuffer(value); }
-};
-using UniqueSspiCredential = UniqueHandle<SspiCredentialTraits>;
-using UniqueSspiContext = UniqueHandle<SspiContextTraits>;
-using UniqueSspiPackageInfo = UniqueHandle<SspiPackageInfoTraits>;
-
-}  // namespace qv
+#include "common/Holders.h"
 
 class Auth_NTLM : public IAuthentication {
 public:

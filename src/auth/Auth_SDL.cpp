@@ -29,10 +29,8 @@ DWORD Auth_SDL::Authentication(CSoapTrans* transport, DWORD flags, const AuthInf
                                USHORT securePort, std::wstring address, std::wstring* assertionId,
                                std::wstring* samlToken, BYTE** digest, DWORD* digestSize) {
     WSCLOG(4, L"Auth_SDL::Authentication IN");
-    if (!qv::SdlArgumentsGiven(transport, flags, authInfo, credential, assertionId, samlToken, digest, digestSize)) {
-        WSCLOG(1, L"Auth_SDL::Authentication PARAMETER ZEB_ERROR = %08x", ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
+    if (!qv::SdlArgumentsGiven(transport, flags, authInfo, credential, assertionId, samlToken, digest, digestSize))
+        return QV_FAIL(ZEB_ERROR_INVALID_PARAMETER, L"Auth_SDL::Authentication PARAMETER ZEB_ERROR = %08x");
     m_pSoapTrans = transport;
 
     qv::SdlLoginSteps steps;
@@ -68,34 +66,28 @@ DWORD Auth_SDL::MakePasswordDigest(DWORD flags, const AuthCredential* credential
         return 0;
     }
     result = MakeMD5(reinterpret_cast<const BYTE*>(text.get()), textLength, digest, digestSize);
-    if (result & ZEB_FAILURE_MASK) return result;
+    if (ZEB_FAILED(result)) return result;
     WSCLOG(4, L"Auth_SDL::MakePasswordDigest OUT");
     return result;
 }
 
 DWORD Auth_SDL::MakeMD5(const BYTE* data, DWORD size, char** digest, DWORD* digestSize) {
     WSCLOG(4, L"Auth_SDL::MakeMD5 IN");
-    if (!data || !digest || !digestSize) {
-        WSCLOG(1, L"Auth_SDL::MakeMD5 PARAMETER ZEB_ERROR = %08x", ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
+    if (!data || !digest || !digestSize)
+        return QV_FAIL(ZEB_ERROR_INVALID_PARAMETER, L"Auth_SDL::MakeMD5 PARAMETER ZEB_ERROR = %08x");
     *digest = nullptr;
     *digestSize = 0;
 
-    BYTE* hashRaw = nullptr;
+    qv::SecretBytes hash;
     DWORD hashSize = 0;
     // The crypter lives to the end of the step, as its release is logged.
     KeyCrypter crypter;
-    DWORD result = qv::HashMD5(kClassName, crypter, data, size, &hashRaw, &hashSize);
-    qv::SecretBytes hash(hashRaw, hashSize);
-    if (result & ZEB_FAILURE_MASK) return result;
+    DWORD result = qv::HashMD5(kClassName, crypter, data, size, qv::out_param(hash, hashSize), &hashSize);
+    if (ZEB_FAILED(result)) return result;
 
     const DWORD hexBytes = hashSize < kMD5Size ? hashSize : kMD5Size;
     char* hex = qv::HexText(hash.get(), hexBytes);
-    if (!hex) {
-        WSCLOG(1, L"Auth_SDL::MakeMD5 malloc ZEB_ERROR = %08x", ZEB_ERROR_OUTOFMEMORY);
-        return ZEB_ERROR_OUTOFMEMORY;
-    }
+    if (!hex) return QV_FAIL(ZEB_ERROR_OUTOFMEMORY, L"Auth_SDL::MakeMD5 malloc ZEB_ERROR = %08x");
     *digest = hex;
     *digestSize = hexBytes * 2;
     WSCLOG(4, L"Auth_SDL::MakeMD5 OUT");
@@ -105,34 +97,26 @@ DWORD Auth_SDL::MakeMD5(const BYTE* data, DWORD size, char** digest, DWORD* dige
 DWORD Auth_SDL::MakeChallengeResponseData(const char* digest, DWORD digestSize, const BYTE* challenge,
                                           DWORD challengeSize, std::wstring* payload) {
     WSCLOG(4, L"Auth_SDL::MakeChallengeResponseData IN");
-    if (!challenge || challengeSize == 0 || !payload || (digestSize && !digest)) {
-        WSCLOG(1, L"Auth_SDL::MakeChallengeResponseData PARAMETER ZEB_ERROR = %08x", ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
+    if (!challenge || challengeSize == 0 || !payload || (digestSize && !digest))
+        return QV_FAIL(ZEB_ERROR_INVALID_PARAMETER, L"Auth_SDL::MakeChallengeResponseData PARAMETER ZEB_ERROR = %08x");
 
     size_t total = static_cast<size_t>(digestSize) + challengeSize;
     qv::SecretBytes challengeResponse;
-    if (!challengeResponse.allocate(total)) {
-        WSCLOG(1, L"Auth_SDL::MakeChallengeResponseData malloc challengeResponse ZEB_ERROR = %08x",
-               ZEB_ERROR_OUTOFMEMORY);
-        return ZEB_ERROR_OUTOFMEMORY;
-    }
+    if (!challengeResponse.allocate(total))
+        return QV_FAIL(ZEB_ERROR_OUTOFMEMORY, L"Auth_SDL::MakeChallengeResponseData malloc challengeResponse ZEB_ERROR = %08x");
     // Without a digest (empty password) the challenge is hashed alone.
     if (digestSize) std::memcpy(challengeResponse.get(), digest, digestSize);
     std::memcpy(challengeResponse.get() + digestSize, challenge, challengeSize);
 
-    char* answerRaw = nullptr;
+    qv::CharBuffer answer;
     DWORD answerSize = 0;
-    DWORD result = MakeMD5(challengeResponse.get(), static_cast<DWORD>(total), &answerRaw, &answerSize);
-    qv::CharBuffer answer(answerRaw, answerSize);
-    if (result & ZEB_FAILURE_MASK) return result;
+    DWORD result =
+        MakeMD5(challengeResponse.get(), static_cast<DWORD>(total), qv::out_param(answer, answerSize), &answerSize);
+    if (ZEB_FAILED(result)) return result;
 
     *payload = Base64Encoding(reinterpret_cast<const BYTE*>(answer.get()), answerSize);
-    if (payload->empty()) {
-        WSCLOG(1, L"Auth_SDL::MakeChallengeResponseData Base64Encoding challengeResponseData ZEB_ERROR = %08x",
-               ZEB_ERROR_OUTOFMEMORY);
-        return ZEB_ERROR_OUTOFMEMORY;
-    }
+    if (payload->empty())
+        return QV_FAIL(ZEB_ERROR_OUTOFMEMORY, L"Auth_SDL::MakeChallengeResponseData Base64Encoding challengeResponseData ZEB_ERROR = %08x");
     WSCLOG(4, L"Auth_SDL::MakeChallengeResponseData OUT");
     return 0;
 }
@@ -151,7 +135,7 @@ DWORD Auth_SDL::MakeRstrData(DWORD flags, const std::wstring& challenge, const A
         result = MakePasswordDigest(flags, credential, &digestRaw, &digestSize);
         // The buffer may be longer than the digest size (stored-digest text).
         digest.reset(digestRaw, digestRaw ? std::strlen(digestRaw) : 0);
-        if (result & ZEB_FAILURE_MASK) return result;
+        if (ZEB_FAILED(result)) return result;
         // A caller that logged in with a stored digest already holds it.
         if (!(flags & AUTH_FLAG_DIGEST_PASSWORD) &&
             qv::MakeHostDigest(digest.get(), digestSize, returnDigest, returnDigestSize) !=

@@ -71,23 +71,21 @@ DWORD Auth_SDL2::MakePasswordDigest(DWORD flags, const AuthCredential* credentia
     } else {
         result = MakeMD5(reinterpret_cast<const BYTE*>(text.get()), textLength, digest, digestSize);
     }
-    if (result & ZEB_FAILURE_MASK) return result;
+    if (ZEB_FAILED(result)) return result;
     WSCLOG(4, L"Auth_SDL2::MakePasswordDigest OUT");
     return result;
 }
 
 DWORD Auth_SDL2::MakeMD5(const BYTE* data, DWORD size, BYTE** digest, DWORD* digestSize) {
     WSCLOG(4, L"Auth_SDL2::MakeMD5 IN");
-    if (!data || !digest || !digestSize) {
-        WSCLOG(1, L"Auth_SDL2::MakeMD5 PARAMETER ZEB_ERROR = %08x", ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
+    if (!data || !digest || !digestSize)
+        return QV_FAIL(ZEB_ERROR_INVALID_PARAMETER, L"Auth_SDL2::MakeMD5 PARAMETER ZEB_ERROR = %08x");
     *digest = nullptr;
     *digestSize = 0;
     // The crypter lives to the end of the step, as its release is logged.
     KeyCrypter crypter;
     DWORD result = qv::HashMD5(kClassName, crypter, data, size, digest, digestSize);
-    if (result & ZEB_FAILURE_MASK) return result;
+    if (ZEB_FAILED(result)) return result;
     WSCLOG(4, L"Auth_SDL2::MakeMD5 OUT");
     return 0;
 }
@@ -97,31 +95,28 @@ DWORD Auth_SDL2::MakeChallengeResponseData(const wchar_t* userId, const BYTE* di
     WSCLOG(4, L"Auth_SDL2::MakeChallengeResponseData IN");
     // The answer is formatted into a field that holds the user ID and its
     // blank in 34 characters; a longer ID cannot be answered at all.
-    if (!userId || !challenge || challengeSize == 0 || !payload || std::wcslen(userId) > kMaxUserIdLength) {
-        WSCLOG(1, L"Auth_SDL2::MakeChallengeResponseData PARAMETER ZEB_ERROR = %08x", ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
+    if (!userId || !challenge || challengeSize == 0 || !payload || std::wcslen(userId) > kMaxUserIdLength)
+        return QV_FAIL(ZEB_ERROR_INVALID_PARAMETER, L"Auth_SDL2::MakeChallengeResponseData PARAMETER ZEB_ERROR = %08x");
 
     KeyCrypter crypter;
     DWORD result = crypter.Initialize(CALG_MD5, 0);
-    if (result & ZEB_FAILURE_MASK) {
+    if (ZEB_FAILED(result)) {
         WSCLOG(1, L"Auth_SDL2::MakeChallengeResponseData KeyCrypter.Initialize ZEB_ERROR = %08x", result);
         return result;
     }
     // Without a digest (empty password) the key is empty, which HMAC treats
     // as an all-zero key.
     USHORT hmacLength = 0;
-    BYTE* hmacRaw = nullptr;
+    qv::ByteBuffer hmac;
     result = crypter.CreateHMAC(CALG_MD5, static_cast<USHORT>(digestSize), digestSize ? digest : nullptr,
-                                challengeSize, challenge, &hmacLength, &hmacRaw);
-    qv::ByteBuffer hmac(hmacRaw, hmacLength);
-    if (result & ZEB_FAILURE_MASK) {
+                                challengeSize, challenge, &hmacLength, qv::out_param(hmac, hmacLength));
+    if (ZEB_FAILED(result)) {
         WSCLOG(1, L"Auth_SDL2::MakeChallengeResponseData KeyCrypter.CreateHMAC ZEB_ERROR = %08x", result);
         crypter.Clear();
         return result;
     }
     result = crypter.Clear();
-    if (result & ZEB_FAILURE_MASK) {
+    if (ZEB_FAILED(result)) {
         WSCLOG(1, L"Auth_SDL2::MakeChallengeResponseData KeyCrypter.Clear ZEB_ERROR = %08x", result);
         return result;
     }
@@ -136,17 +131,13 @@ DWORD Auth_SDL2::MakeChallengeResponseData(const wchar_t* userId, const BYTE* di
 
     DWORD utf8Length = 0;
     qv::CharBuffer utf8;
-    utf8.reset(ConvertWideToMulti(text.c_str(), CP_UTF8, &utf8Length), utf8Length);
-    if (!utf8) {
-        WSCLOG(1, L"Auth_SDL2::MakeChallengeResponseData ConvertWideToMulti ZEB_ERROR = %08x", ZEB_ERROR_OUTOFMEMORY);
-        return ZEB_ERROR_OUTOFMEMORY;
-    }
+    char* converted = ConvertWideToMulti(text.c_str(), CP_UTF8, &utf8Length);
+    utf8.reset(converted, utf8Length);
+    if (!utf8)
+        return QV_FAIL(ZEB_ERROR_OUTOFMEMORY, L"Auth_SDL2::MakeChallengeResponseData ConvertWideToMulti ZEB_ERROR = %08x");
     *payload = Base64Encoding(reinterpret_cast<const BYTE*>(utf8.get()), utf8Length);
-    if (payload->empty()) {
-        WSCLOG(1, L"Auth_SDL2::MakeChallengeResponseData Base64Encoding challengeResponseData ZEB_ERROR = %08x",
-               ZEB_ERROR_OUTOFMEMORY);
-        return ZEB_ERROR_OUTOFMEMORY;
-    }
+    if (payload->empty())
+        return QV_FAIL(ZEB_ERROR_OUTOFMEMORY, L"Auth_SDL2::MakeChallengeResponseData Base64Encoding challengeResponseData ZEB_ERROR = %08x");
     WSCLOG(4, L"Auth_SDL2::MakeChallengeResponseData OUT");
     return 0;
 }
@@ -164,12 +155,12 @@ DWORD Auth_SDL2::MakeRstrData(DWORD flags, const std::wstring& challenge, const 
         DWORD digestSize = 0;
         result = MakePasswordDigest(flags, credential, &digestRaw, &digestSize);
         digest.reset(digestRaw, digestSize);
-        if (result & ZEB_FAILURE_MASK) return result;
+        if (ZEB_FAILED(result)) return result;
         // A caller that logged in with a stored digest already holds it.
         if (!(flags & AUTH_FLAG_DIGEST_PASSWORD)) {
             result = MakeReturnDigest(digest.get(), static_cast<DWORD>(digest.bytes()), returnDigest,
                                       returnDigestSize);
-            if (result & ZEB_FAILURE_MASK) return result;
+            if (ZEB_FAILED(result)) return result;
         }
     }
 
@@ -180,17 +171,12 @@ DWORD Auth_SDL2::MakeRstrData(DWORD flags, const std::wstring& challenge, const 
 
 DWORD Auth_SDL2::ToHexString(const BYTE* data, DWORD size, char** text, DWORD* textSize) {
     WSCLOG(4, L"Auth_SDL2::ToHexString IN");
-    if (!data || !text || !textSize) {
-        WSCLOG(1, L"Auth_SDL2::ToHexString PARAMETER ZEB_ERROR = %08x", ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
+    if (!data || !text || !textSize)
+        return QV_FAIL(ZEB_ERROR_INVALID_PARAMETER, L"Auth_SDL2::ToHexString PARAMETER ZEB_ERROR = %08x");
     *text = nullptr;
     *textSize = 0;
     char* hex = qv::HexText(data, size);
-    if (!hex) {
-        WSCLOG(1, L"Auth_SDL2::ToHexString malloc ZEB_ERROR = %08x", ZEB_ERROR_OUTOFMEMORY);
-        return ZEB_ERROR_OUTOFMEMORY;
-    }
+    if (!hex) return QV_FAIL(ZEB_ERROR_OUTOFMEMORY, L"Auth_SDL2::ToHexString malloc ZEB_ERROR = %08x");
     *text = hex;
     *textSize = size * 2;
     WSCLOG(4, L"Auth_SDL2::ToHexString OUT");
@@ -199,17 +185,12 @@ DWORD Auth_SDL2::ToHexString(const BYTE* data, DWORD size, char** text, DWORD* t
 
 DWORD Auth_SDL2::ToByteArray(const char* text, DWORD size, BYTE** bytes, DWORD* byteSize) {
     WSCLOG(4, L"Auth_SDL2::ToByteArray IN");
-    if (!text || !bytes || !byteSize || (size % 2) != 0) {
-        WSCLOG(1, L"Auth_SDL2::ToByteArray PARAMETER ZEB_ERROR = %08x", ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
+    if (!text || !bytes || !byteSize || (size % 2) != 0)
+        return QV_FAIL(ZEB_ERROR_INVALID_PARAMETER, L"Auth_SDL2::ToByteArray PARAMETER ZEB_ERROR = %08x");
     *bytes = nullptr;
     *byteSize = 0;
     auto* buffer = static_cast<BYTE*>(std::calloc(size / 2 ? size / 2 : 1, 1));
-    if (!buffer) {
-        WSCLOG(1, L"Auth_SDL2::ToByteArray malloc ZEB_ERROR = %08x", ZEB_ERROR_OUTOFMEMORY);
-        return ZEB_ERROR_OUTOFMEMORY;
-    }
+    if (!buffer) return QV_FAIL(ZEB_ERROR_OUTOFMEMORY, L"Auth_SDL2::ToByteArray malloc ZEB_ERROR = %08x");
     // Reading a pair stops at its first character that is no hex digit.
     qv::HexPairsToBytes(text, size / 2, buffer);
     *bytes = buffer;
@@ -220,18 +201,15 @@ DWORD Auth_SDL2::ToByteArray(const char* text, DWORD size, BYTE** bytes, DWORD* 
 
 DWORD Auth_SDL2::MakeReturnDigest(const BYTE* digest, DWORD size, BYTE** wideText, DWORD* byteSize) {
     WSCLOG(4, L"Auth_SDL2::MakeReturnDigest IN");
-    if (!digest || !wideText || !byteSize) {
-        WSCLOG(1, L"Auth_SDL2::MakeReturnDigest PARAMETER ZEB_ERROR = %08x", ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
+    if (!digest || !wideText || !byteSize)
+        return QV_FAIL(ZEB_ERROR_INVALID_PARAMETER, L"Auth_SDL2::MakeReturnDigest PARAMETER ZEB_ERROR = %08x");
     *wideText = nullptr;
     *byteSize = 0;
 
-    char* hexRaw = nullptr;
+    qv::SecretChars hex;
     DWORD hexLength = 0;
-    DWORD result = ToHexString(digest, size, &hexRaw, &hexLength);
-    qv::SecretChars hex(hexRaw, hexLength + 1);
-    if (result & ZEB_FAILURE_MASK) return result;
+    DWORD result = ToHexString(digest, size, qv::out_param(hex, hexLength), &hexLength);
+    if (ZEB_FAILED(result)) return result;
 
     switch (qv::MakeHostDigest(hex.get(), hexLength, wideText, byteSize)) {
         case qv::HostDigestStatus::ConvertFailed:

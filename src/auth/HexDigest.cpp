@@ -19,7 +19,8 @@ char* HexText(const uint8_t* data, uint32_t size) {
     auto* hex = static_cast<char*>(std::calloc(static_cast<size_t>(size) * 2 + 1, 1));
     if (!hex) return nullptr;
     static const char kHexDigits[] = "0123456789abcdef";
-    for (uint32_t i = 0; i < size; ++i) {
+    // Offsets in size_t: 2 * size does not fit 32 bits for every size.
+    for (size_t i = 0; i < size; ++i) {
         hex[2 * i] = kHexDigits[data[i] >> 4];
         hex[2 * i + 1] = kHexDigits[data[i] & 0x0F];
     }
@@ -27,7 +28,7 @@ char* HexText(const uint8_t* data, uint32_t size) {
 }
 
 void HexPairsToBytes(const char* text, uint32_t pairs, uint8_t* out) {
-    for (uint32_t i = 0; i < pairs; ++i) {
+    for (size_t i = 0; i < pairs; ++i) {
         int high = HexDigitValue(text[2 * i]);
         int low = HexDigitValue(text[2 * i + 1]);
         uint8_t value = 0;

@@ -10,35 +10,32 @@
 #include "auth/Auth_SDL2.h"
 #include "log/WSCLog.h"
 #include "messages/WSRequest.h"
-#include "soap/SoapRequest.h"
-#include "soap/SoapResponse.h"
-#include "transport/CSoapTrans.h"
+#include "transport/SoapExchange.h"
 
 namespace {
 
-IAuthentication* MakeNTLM() { return new (std::nothrow) Auth_NTLM(); }
-IAuthentication* MakeSDL() { return new (std::nothrow) Auth_SDL(); }
-IAuthentication* MakeSDL2() { return new (std::nothrow) Auth_SDL2(); }
-IAuthentication* MakeBasic() { return new (std::nothrow) Auth_Basic(); }
-IAuthentication* MakeBasic2() { return new (std::nothrow) Auth_Basic2(); }
+template <typename Mechanism>
+std::unique_ptr<IAuthentication> Make() {
+    return std::unique_ptr<IAuthentication>(new (std::nothrow) Mechanism());
+}
 
 struct MechanismRow {
     const wchar_t* name;
-    IAuthentication* (*make)();
+    std::unique_ptr<IAuthentication> (*make)();
 };
 
 // Compared exactly and in this order; the first match wins.
 constexpr MechanismRow kMechanisms[] = {
-    {L"NTLM", MakeNTLM},
-    {L"SDL", MakeSDL},
-    {L"SDL2", MakeSDL2},
-    {L"Basic", MakeBasic},
-    {L"Basic2", MakeBasic2},
+    {L"NTLM", Make<Auth_NTLM>},
+    {L"SDL", Make<Auth_SDL>},
+    {L"SDL2", Make<Auth_SDL2>},
+    {L"Basic", Make<Auth_Basic>},
+    {L"Basic2", Make<Auth_Basic2>},
 };
 
 }  // namespace
 
-IAuthentication* CreateAuthentication(const wchar_t* authType) {
+std::unique_ptr<IAuthentication> CreateAuthentication(const wchar_t* authType) {
     if (!authType) return nullptr;
     for (const MechanismRow& row : kMechanisms) {
         if (std::wcscmp(authType, row.name) == 0) return row.make();
@@ -47,19 +44,6 @@ IAuthentication* CreateAuthentication(const wchar_t* authType) {
 }
 
 namespace qv {
-
-DWORD ExchangeAuthMessage(CSoapTrans* transport, WSRequest* message, const std::wstring& servicePath,
-                          USHORT port, USHORT securePort, const std::wstring& address) {
-    SoapRequest request(address, port, securePort, servicePath);
-    DWORD result = message->Serialize(&request);
-    if (result & ZEB_FAILURE_MASK) return result;
-
-    SoapResponse response;
-    result = transport->Request(&request, &response, std::wstring());
-    if (result & ZEB_FAILURE_MASK) return result;
-
-    return message->Deserialize(&response, L"");
-}
 
 DWORD AuthRequestStep(const wchar_t* className, CSoapTrans* transport, WSRequest* message,
                       const std::wstring& servicePath, USHORT port, USHORT securePort, const std::wstring& address) {
@@ -73,10 +57,33 @@ DWORD AuthRequestStep(const wchar_t* className, CSoapTrans* transport, WSRequest
                ZEB_ERROR_GENERAL_INVALID_INSTANCE);
         return ZEB_ERROR_GENERAL_INVALID_INSTANCE;
     }
-    DWORD result = ExchangeAuthMessage(transport, message, servicePath, port, securePort, address);
-    if (result & ZEB_FAILURE_MASK) return result;
+    bool answered = false;
+    const DWORD result = SoapExchange(address, port, securePort, servicePath)
+                             .Run(*transport, *message, std::wstring(), SoapExchange::ServerError::Return, &answered);
+    if (ZEB_FAILED(result)) return result;
     WSCLOG(4, L"%s::Request OUT", className);
     return result;
+}
+
+CredentialFit CheckCredentials(DWORD flags, const AuthInfo& authInfo, const AuthCredential* credential,
+                               BYTE* const* output, const DWORD* outputSize) {
+    const size_t typeChars = sizeof(authInfo.AuthType) / sizeof(authInfo.AuthType[0]);
+    if (wcsnlen(authInfo.AuthType, typeChars) == typeChars) return CredentialFit::UnknownType;
+    const std::wstring type = authInfo.AuthType;
+    const bool allThree = credential && credential->UserID && credential->Password && credential->Domain;
+    bool fits;
+    if (type == L"NTLM") {
+        // Without explicit credentials the logged-on user logs in.
+        fits = !(flags & AUTH_FLAG_EXPLICIT_CREDENTIAL) || allThree;
+    } else if (type == L"SDL" || type == L"SDL2") {
+        fits = credential && credential->UserID && ((flags & AUTH_FLAG_DIGEST_PASSWORD) || credential->Password) &&
+               (!(flags & AUTH_FLAG_RETURN_DIGEST) || (output && outputSize));
+    } else if (type == L"Basic" || type == L"Basic2") {
+        fits = allThree;
+    } else {
+        return CredentialFit::UnknownType;
+    }
+    return fits ? CredentialFit::Fits : CredentialFit::Misfit;
 }
 
 std::wstring AuthInfoText(const WCHAR (&field)[64]) {

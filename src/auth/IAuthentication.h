@@ -5,6 +5,7 @@
 
 #include <windows.h>
 
+#include <memory>
 #include <string>
 
 #include "Quorvantis.h"
@@ -24,24 +25,25 @@ public:
 };
 
 // "NTLM", "SDL", "SDL2", "Basic" or "Basic2" (exact, case-sensitive); any other
-// name or a failed allocation gives nullptr. The caller deletes the object.
-IAuthentication* CreateAuthentication(const wchar_t* authType);
+// name or a failed allocation gives nullptr.
+std::unique_ptr<IAuthentication> CreateAuthentication(const wchar_t* authType);
 
 namespace qv {
 
-// The exchange every mechanism's Request step performs once its own argument
-// checks passed: an envelope addressed to address/port/securePort/servicePath,
-// the message serialised into it, one plain SOAP round trip through the
-// transport and the answer read back into the message. Codes of each stage
-// are returned unchanged.
-DWORD ExchangeAuthMessage(CSoapTrans* transport, WSRequest* message, const std::wstring& servicePath,
-                          USHORT port, USHORT securePort, const std::wstring& address);
-
 // The Request step of every mechanism, logged under className: a missing
-// message or a mechanism without transport is refused, else
-// ExchangeAuthMessage; OUT is logged when that did not fail.
+// message or a mechanism without transport is refused, else one plain SOAP
+// exchange (SoapExchange); OUT is logged when that did not fail.
 DWORD AuthRequestStep(const wchar_t* className, CSoapTrans* transport, WSRequest* message,
                       const std::wstring& servicePath, USHORT port, USHORT securePort, const std::wstring& address);
+
+// Whether a login's record and credentials fit together, as both the
+// interface entry and the login client check before any session work: the
+// record must name one of the five mechanisms (a name filling the whole
+// fixed array has no terminator and names none), and the credential fields
+// that mechanism needs, by the flags, must be there.
+enum class CredentialFit { Fits, Misfit, UnknownType };
+CredentialFit CheckCredentials(DWORD flags, const AuthInfo& authInfo, const AuthCredential* credential,
+                               BYTE* const* output, const DWORD* outputSize);
 
 // A fixed-size AuthInfo text field as a string, stopping at its terminator or
 // at the end of the field when the host left it unterminated.

@@ -20,7 +20,7 @@ namespace qv {
 
 bool SdlArgumentsGiven(const void* transport, DWORD flags, const AuthInfo* authInfo, const AuthCredential* credential,
                        const std::wstring* assertionId, const std::wstring* samlToken, BYTE** digest,
-                       DWORD* digestSize) {
+                       const DWORD* digestSize) {
     return transport && authInfo && credential && credential->UserID && assertionId && samlToken && digest &&
            digestSize && ((flags & AUTH_FLAG_DIGEST_PASSWORD) || credential->Password);
 }
@@ -29,19 +29,19 @@ DWORD RunSdlLogin(const wchar_t* className, const AuthInfo* authInfo, const SdlL
                   std::wstring* assertionId, std::wstring* samlToken, BYTE** digest, DWORD* digestSize) {
     std::wstring payload;
     DWORD result = steps.makeRstData(&payload);
-    if (result & ZEB_FAILURE_MASK) return result;
+    if (ZEB_FAILED(result)) return result;
 
     RST_SDL challengeRequest(AuthInfoText(authInfo->Info), AuthInfoText(authInfo->AuthType), payload);
     result = steps.request(&challengeRequest);
-    if (result & ZEB_FAILURE_MASK) return result;
+    if (ZEB_FAILED(result)) return result;
 
     std::wstring answer;
     result = steps.makeRstrData(challengeRequest.m_challenge, &answer);
-    if (result & ZEB_FAILURE_MASK) return result;
+    if (ZEB_FAILED(result)) return result;
 
     RSTR_SDL challengeAnswer(answer, challengeRequest.m_context);
     result = steps.request(&challengeAnswer);
-    if (result & ZEB_FAILURE_MASK) {
+    if (ZEB_FAILED(result)) {
         FreeSecret(*digest, *digestSize);
         *digest = nullptr;
         *digestSize = 0;
@@ -65,7 +65,8 @@ DWORD MakeSdlRstData(const wchar_t* className, const AuthCredential* credential,
     std::wstring text = std::wstring(L"SDLChallengeRequest") + credential->UserID;
     DWORD utf8Length = 0;
     CharBuffer utf8;
-    utf8.reset(ConvertWideToMulti(text.c_str(), CP_UTF8, &utf8Length), utf8Length);
+    char* converted = ConvertWideToMulti(text.c_str(), CP_UTF8, &utf8Length);
+    utf8.reset(converted, utf8Length);
     if (!utf8) {
         WSCLOG(1, L"%s::MakeRstData ConvertWideToMulti ZEB_ERROR = %08x", className, ZEB_ERROR_OUTOFMEMORY);
         return ZEB_ERROR_OUTOFMEMORY;
@@ -95,7 +96,10 @@ DWORD PasswordFieldBytes(const wchar_t* className, DWORD flags, const AuthCreden
                          SecretChars& bytes, DWORD* size) {
     const UINT codePage = (flags & AUTH_FLAG_DIGEST_PASSWORD) ? CP_UTF8 : kPasswordCodePage;
     *size = 0;
-    bytes.reset(ConvertWideToMulti(credential->Password, codePage, size), *size);
+    // The size is known only once the conversion has run: two statements, so
+    // that the holder wipes every byte of the password.
+    char* converted = ConvertWideToMulti(credential->Password, codePage, size);
+    bytes.reset(converted, *size);
     if (!bytes) {
         WSCLOG(1, L"%s::MakePasswordDigest ConvertWideToMulti ZEB_ERROR = %08x", className, ZEB_ERROR_OUTOFMEMORY);
         return ZEB_ERROR_OUTOFMEMORY;
@@ -106,18 +110,18 @@ DWORD PasswordFieldBytes(const wchar_t* className, DWORD flags, const AuthCreden
 DWORD HashMD5(const wchar_t* className, KeyCrypter& crypter, const BYTE* data, DWORD size, BYTE** hash,
               DWORD* hashSize) {
     DWORD result = crypter.Initialize(CALG_MD5, 0);
-    if (result & ZEB_FAILURE_MASK) {
+    if (ZEB_FAILED(result)) {
         WSCLOG(1, L"%s::MakeMD5 KeyCrypter.Initialize ZEB_ERROR = %08x", className, result);
         return result;
     }
     result = crypter.GetHashData(data, size, hash, hashSize);
-    if (result & ZEB_FAILURE_MASK) {
+    if (ZEB_FAILED(result)) {
         WSCLOG(1, L"%s::MakeMD5 KeyCrypter.GetHashData ZEB_ERROR = %08x", className, result);
         crypter.Clear();
         return result;
     }
     result = crypter.Clear();
-    if (result & ZEB_FAILURE_MASK) {
+    if (ZEB_FAILED(result)) {
         WSCLOG(1, L"%s::MakeMD5 KeyCrypter.Clear ZEB_ERROR = %08x", className, result);
         FreeSecret(*hash, *hashSize);
         *hash = nullptr;
@@ -153,9 +157,8 @@ DWORD BeginSdlRstrData(const wchar_t* className, DWORD flags, const std::wstring
     *returnDigest = nullptr;
     *returnDigestSize = 0;
 
-    BYTE* challengeRaw = nullptr;
-    DWORD challengeSize = Base64Decoding(challenge, &challengeRaw);
-    challengeBytes.reset(challengeRaw, challengeSize);
+    DWORD challengeSize = 0;
+    challengeSize = Base64Decoding(challenge, qv::out_param(challengeBytes, challengeSize));
     if (challengeSize == 0 || !challengeBytes) {
         WSCLOG(1, L"%s::MakeRstrData Base64Decoding challenge ZEB_ERROR = %08x", className, ZEB_ERROR_OUTOFMEMORY);
         return ZEB_ERROR_OUTOFMEMORY;
@@ -164,7 +167,7 @@ DWORD BeginSdlRstrData(const wchar_t* className, DWORD flags, const std::wstring
 }
 
 DWORD EndSdlRstrData(const wchar_t* className, DWORD result, BYTE** returnDigest, DWORD* returnDigestSize) {
-    if (result & ZEB_FAILURE_MASK) {
+    if (ZEB_FAILED(result)) {
         FreeSecret(*returnDigest, *returnDigestSize);
         *returnDigest = nullptr;
         *returnDigestSize = 0;

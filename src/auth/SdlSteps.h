@@ -22,7 +22,7 @@ namespace qv {
 // passes the stored digest.
 bool SdlArgumentsGiven(const void* transport, DWORD flags, const AuthInfo* authInfo, const AuthCredential* credential,
                        const std::wstring* assertionId, const std::wstring* samlToken, BYTE** digest,
-                       DWORD* digestSize);
+                       const DWORD* digestSize);
 
 // The mechanism's own steps, as Authentication has bound them.
 struct SdlLoginSteps {

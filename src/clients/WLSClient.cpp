@@ -12,18 +12,13 @@
 #include "soap/SoapRequest.h"
 #include "soap/SoapResponse.h"
 #include "transport/CSoapTrans.h"
+#include "transport/SoapExchange.h"
 
 namespace {
 
 // CSoapTrans::Open's answer when WinHTTP refuses the host name as given; an
 // IPv6 literal then needs its brackets.
 constexpr DWORD kInvalidUrl = ZEB_ERROR_WINHTTP_INVALID_URL;
-
-bool IsOneOf(const wchar_t* type, std::initializer_list<const wchar_t*> names) {
-    for (const wchar_t* name : names)
-        if (wcscmp(type, name) == 0) return true;
-    return false;
-}
 
 }  // namespace
 
@@ -44,15 +39,12 @@ WLSClient::~WLSClient() {
     m_wstrSecurityToken.clear();
 }
 
-DWORD WLSClient::OpenSoapTrans(CSoapTrans* transport, DWORD flags) { return transport->Open(flags); }
+DWORD WLSClient::OpenSoapTrans(CSoapTrans* transport, DWORD flags) { return transport->Open(static_cast<BOOL>(flags)); }
 
 DWORD WLSClient::Open(DWORD flags) {
     WSCLOG(4, "WLSClient::Open IN");
     m_pSoapTrans.reset(new (std::nothrow) CSoapTrans(m_wstrAddress, m_usPort, m_usSecurePort));
-    if (!m_pSoapTrans) {
-        WSCLOG(1, L"WLSClient::Open new CSoapTrans ZEB_ERROR = %08x", ZEB_ERROR_OUTOFMEMORY);
-        return ZEB_ERROR_OUTOFMEMORY;
-    }
+    if (!m_pSoapTrans) return QV_FAIL(ZEB_ERROR_OUTOFMEMORY, L"WLSClient::Open new CSoapTrans ZEB_ERROR = %08x");
     DWORD result = OpenSoapTrans(m_pSoapTrans.get(), flags);
     if (result == kInvalidUrl) {
         // Probably a bare IPv6 literal: try once more with it in brackets.
@@ -71,10 +63,7 @@ DWORD WLSClient::Open(DWORD flags) {
 DWORD WLSClient::OpenIPv6(DWORD flags) {
     WSCLOG(4, "WLSClient::OpenIPv6 IN");
     m_pSoapTrans.reset(new (std::nothrow) CSoapTrans(m_wstrAddress, m_usPort, m_usSecurePort));
-    if (!m_pSoapTrans) {
-        WSCLOG(1, L"WLSClient::OpenIPv6 new CSoapTrans ZEB_ERROR = %08x", ZEB_ERROR_OUTOFMEMORY);
-        return ZEB_ERROR_OUTOFMEMORY;
-    }
+    if (!m_pSoapTrans) return QV_FAIL(ZEB_ERROR_OUTOFMEMORY, L"WLSClient::OpenIPv6 new CSoapTrans ZEB_ERROR = %08x");
     DWORD result = OpenSoapTrans(m_pSoapTrans.get(), flags);
     if (ZEB_FAILED(result)) {
         m_pSoapTrans.reset();
@@ -86,36 +75,24 @@ DWORD WLSClient::OpenIPv6(DWORD flags) {
 
 DWORD WLSClient::Request(CSoapTrans* transport, WSRequest* message, const std::wstring& servicePath) {
     WSCLOG(4, L"WLSClient::Request IN");
-    if (!transport || !message) {
-        WSCLOG(1, L"WLSClient::Request PARAMETER ZEB_ERROR = %08x", ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
-    SoapRequest request(m_wstrAddress, m_usPort, m_usSecurePort, servicePath);
-    DWORD result = message->Serialize(&request);
-    if (ZEB_FAILED(result)) return result;
-
+    if (!transport || !message)
+        return QV_FAIL(ZEB_ERROR_INVALID_PARAMETER, L"WLSClient::Request PARAMETER ZEB_ERROR = %08x");
     // Unlike the device client, a 0xD50001F4 answer is not parsed for a fault
     // here: the login service's callers get the transport's code as it is.
-    SoapResponse response;
-    result = transport->Request(&request, &response, std::wstring());
-    if (ZEB_FAILED(result)) return result;
-
-    result = message->Deserialize(&response, L"");
+    bool answered = false;
+    const DWORD result = SoapExchange(m_wstrAddress, m_usPort, m_usSecurePort, servicePath)
+                             .Run(*transport, *message, std::wstring(), SoapExchange::ServerError::Return, &answered);
+    if (!answered) return result;
     WSCLOG(4, L"WLSClient::Request OUT");
     return result;
 }
 
 DWORD WLSClient::GetPolicy(DWORD* count, AuthInfo** list, DWORD* flag) {
     WSCLOG(4, L"WLSClient::GetPolicy IN");
-    if (!count || !list || !flag) {
-        WSCLOG(1, L"WLSClient::GetPolicy PARAMETER ZEB_ERROR = %08x", ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
-    if (!m_pSoapTrans) {
-        WSCLOG(1, L"WLSClient::GetPolicy ZEB_ERROR_GENERAL_INVALID_INSTANCE ZEB_ERROR = %08x",
-               ZEB_ERROR_GENERAL_INVALID_INSTANCE);
-        return ZEB_ERROR_GENERAL_INVALID_INSTANCE;
-    }
+    if (!count || !list || !flag)
+        return QV_FAIL(ZEB_ERROR_INVALID_PARAMETER, L"WLSClient::GetPolicy PARAMETER ZEB_ERROR = %08x");
+    if (!m_pSoapTrans)
+        return QV_FAIL(ZEB_ERROR_GENERAL_INVALID_INSTANCE, L"WLSClient::GetPolicy ZEB_ERROR_GENERAL_INVALID_INSTANCE ZEB_ERROR = %08x");
     DWORD result = m_pSoapTrans->SetUrl(m_wstrPolicyServiceUrl);
     if (ZEB_FAILED(result)) return result;
 
@@ -123,11 +100,16 @@ DWORD WLSClient::GetPolicy(DWORD* count, AuthInfo** list, DWORD* flag) {
     result = Request(m_pSoapTrans.get(), &message, m_wstrPolicyServiceUrl);
     if (ZEB_FAILED(result)) return result;
 
-    // The message's array is malloc'd: it goes to the host as it is, and comes
-    // back through BufferFree.
-    *count = message.GetAuthInfoCount();
-    *list = message.DetachAuthInfo();
-    if (m_pSoapTrans->GetSSLMode()) *flag = 1;
+    // Only a success (0 or 1) hands the list out and reports the secure mode;
+    // a result that is neither success nor failure (a policy answer the list
+    // reader could not take) leaves the outputs as they were.
+    if (result == 0 || result == 1) {
+        // The message's array is malloc'd: it goes to the host as it is, and
+        // comes back through BufferFree.
+        *count = message.GetAuthInfoCount();
+        *list = message.DetachAuthInfo();
+        if (m_pSoapTrans->GetSSLMode()) *flag = 1;
+    }
     WSCLOG(4, L"WLSClient::GetPolicy OUT");
     return result;
 }
@@ -135,41 +117,18 @@ DWORD WLSClient::GetPolicy(DWORD* count, AuthInfo** list, DWORD* flag) {
 DWORD WLSClient::Authentication(DWORD flags, const AuthInfo* authInfo, AuthCredential* credential, BYTE** output,
                                 DWORD* outputSize) {
     WSCLOG(4, L"WLSClient::Authentication IN");
-    if (!authInfo) {
-        WSCLOG(1, L"WLSClient::Authentication PARAMETER ZEB_ERROR = %08x", ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
-    const wchar_t* type = authInfo->AuthType;
-    // A name filling the whole fixed array has no terminator: it names nothing.
-    const size_t typeChars = sizeof(authInfo->AuthType) / sizeof(authInfo->AuthType[0]);
-    const bool terminated = wcsnlen(type, typeChars) < typeChars;
-    auto allThree = [&] { return credential && credential->UserID && credential->Password && credential->Domain; };
-    bool fits;
-    if (terminated && IsOneOf(type, {L"NTLM"})) {
-        fits = !(flags & AUTH_FLAG_EXPLICIT_CREDENTIAL) || allThree();
-    } else if (terminated && IsOneOf(type, {L"SDL", L"SDL2"})) {
-        fits = credential && credential->UserID && ((flags & AUTH_FLAG_DIGEST_PASSWORD) || credential->Password) &&
-               (!(flags & AUTH_FLAG_RETURN_DIGEST) || (output && outputSize));
-    } else if (terminated && IsOneOf(type, {L"Basic", L"Basic2"})) {
-        fits = allThree();
-    } else {
-        WSCLOG(1, L"WLSClient::Authentication PARAMETER UnSupportedAuthType ZEB_ERROR = %08x",
-               ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
-    if (!fits) {
-        WSCLOG(1, L"WLSClient::Authentication PARAMETER ZEB_ERROR = %08x", ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
-    if (!m_pSoapTrans) {
-        WSCLOG(1, L"WLSClient::Authentication ZEB_ERROR_GENERAL_INVALID_INSTANCE ZEB_ERROR = %08x",
-               ZEB_ERROR_GENERAL_INVALID_INSTANCE);
-        return ZEB_ERROR_GENERAL_INVALID_INSTANCE;
-    }
+    if (!authInfo) return QV_FAIL(ZEB_ERROR_INVALID_PARAMETER, L"WLSClient::Authentication PARAMETER ZEB_ERROR = %08x");
+    const qv::CredentialFit fit = qv::CheckCredentials(flags, *authInfo, credential, output, outputSize);
+    if (fit == qv::CredentialFit::UnknownType)
+        return QV_FAIL(ZEB_ERROR_INVALID_PARAMETER, L"WLSClient::Authentication PARAMETER UnSupportedAuthType ZEB_ERROR = %08x");
+    if (fit == qv::CredentialFit::Misfit)
+        return QV_FAIL(ZEB_ERROR_INVALID_PARAMETER, L"WLSClient::Authentication PARAMETER ZEB_ERROR = %08x");
+    if (!m_pSoapTrans)
+        return QV_FAIL(ZEB_ERROR_GENERAL_INVALID_INSTANCE, L"WLSClient::Authentication ZEB_ERROR_GENERAL_INVALID_INSTANCE ZEB_ERROR = %08x");
     DWORD result = m_pSoapTrans->SetUrl(m_wstrSTSUrl);
     if (ZEB_FAILED(result)) return result;
 
-    IAuthentication* mechanism = CreateAuthentication(type);
+    std::unique_ptr<IAuthentication> mechanism = CreateAuthentication(authInfo->AuthType);
     if (!mechanism) {
         // The text names Close although Authentication writes it; log readers grep for it as it is.
         WSCLOG(1, L"WLSClient::Close GetAuthInstance UNKNOWNAUTHTYPE ZEB_ERROR = %08x",
@@ -179,7 +138,7 @@ DWORD WLSClient::Authentication(DWORD flags, const AuthInfo* authInfo, AuthCrede
     result = mechanism->Authentication(m_pSoapTrans.get(), flags, authInfo, credential, m_wstrSTSUrl, m_usPort,
                                        m_usSecurePort, m_wstrAddress, &m_wstrAuthResult, &m_wstrSecurityToken, output,
                                        outputSize);
-    delete mechanism;
+    mechanism.reset();
     if (ZEB_FAILED(result)) return result;
     WSCLOG(4, L"WLSClient::Authentication OUT");
     return result;
@@ -187,11 +146,8 @@ DWORD WLSClient::Authentication(DWORD flags, const AuthInfo* authInfo, AuthCrede
 
 DWORD WLSClient::Close() {
     WSCLOG(4, L"WLSClient::Close IN");
-    if (!m_pSoapTrans) {
-        WSCLOG(1, L"WLSClient::Close ZEB_ERROR_GENERAL_INVALID_INSTANCE ZEB_ERROR = %08x",
-               ZEB_ERROR_GENERAL_INVALID_INSTANCE);
-        return ZEB_ERROR_GENERAL_INVALID_INSTANCE;
-    }
+    if (!m_pSoapTrans)
+        return QV_FAIL(ZEB_ERROR_GENERAL_INVALID_INSTANCE, L"WLSClient::Close ZEB_ERROR_GENERAL_INVALID_INSTANCE ZEB_ERROR = %08x");
     DWORD result = 0;
     if (!m_wstrSecurityToken.empty()) {
         result = m_pSoapTrans->SetUrl(m_wstrSTSUrl);

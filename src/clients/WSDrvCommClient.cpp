@@ -15,10 +15,10 @@
 #include "soap/SoapRequest.h"
 #include "soap/SoapResponse.h"
 #include "transport/CSoapTrans.h"
+#include "transport/SoapExchange.h"
 
 namespace {
 
-constexpr ALG_ID kKeyCrypterAlgorithm = 26115;  // CALG_3DES: a key container good for RSA encryption
 // The MTOM argument is a constant on purpose: the exchange needs only some id.
 constexpr const wchar_t* kMtomArgument = L"01234567890123456789";
 
@@ -26,58 +26,53 @@ long DecimalValue(const std::wstring& text) { return std::wcstol(text.c_str(), n
 
 // hmacKey encrypted with the DER public key, as Base64 text in *cipherText.
 DWORD EncryptHmacKey(const std::wstring& hmacKey, const std::wstring& publicKey, std::wstring* cipherText) {
-    BYTE* rawKey = nullptr;
-    DWORD rawKeySize = Base64Decoding(hmacKey, &rawKey);
-    qv::SecretBytes keyBytes(rawKey, rawKeySize);
-    if (!rawKeySize || !rawKey) {
-        WSCLOG(1, L"WSDrvCommClient::GetACT Base64Decoding pSrcData ZEB_ERROR = %08x", ZEB_ERROR_OUTOFMEMORY);
-        return ZEB_ERROR_OUTOFMEMORY;
-    }
-    BYTE* rawPublicKey = nullptr;
-    DWORD rawPublicKeySize = Base64Decoding(publicKey, &rawPublicKey);
-    qv::ByteBuffer publicKeyBytes(rawPublicKey, rawPublicKeySize);
-    if (!rawPublicKeySize || !rawPublicKey) {
-        WSCLOG(1, L"WSDrvCommClient::GetACT Base64Decoding pPublicKey ZEB_ERROR = %08x", ZEB_ERROR_OUTOFMEMORY);
-        return ZEB_ERROR_OUTOFMEMORY;
-    }
-    if (rawPublicKeySize > 0xFFFF) {
+    qv::SecretBytes keyBytes;
+    DWORD keySize = 0;
+    keySize = Base64Decoding(hmacKey, qv::out_param(keyBytes, keySize));
+    if (!keySize || !keyBytes)
+        return QV_FAIL(ZEB_ERROR_OUTOFMEMORY, L"WSDrvCommClient::GetACT Base64Decoding pSrcData ZEB_ERROR = %08x");
+    qv::ByteBuffer publicKeyBytes;
+    DWORD publicKeySize = 0;
+    publicKeySize = Base64Decoding(publicKey, qv::out_param(publicKeyBytes, publicKeySize));
+    if (!publicKeySize || !publicKeyBytes)
+        return QV_FAIL(ZEB_ERROR_OUTOFMEMORY, L"WSDrvCommClient::GetACT Base64Decoding pPublicKey ZEB_ERROR = %08x");
+    if (publicKeySize > 0xFFFF) {
         // KeyCrypter takes a 16-bit key length; no RSA key of ours comes near it.
-        WSCLOG(1, L"WSDrvCommClient::GetACT PublicKeyLength = %u ZEB_ERROR = %08x", rawPublicKeySize,
+        WSCLOG(1, L"WSDrvCommClient::GetACT PublicKeyLength = %u ZEB_ERROR = %08x", publicKeySize,
                ZEB_ERROR_INVALID_PARAMETER);
         return ZEB_ERROR_INVALID_PARAMETER;
     }
 
     KeyCrypter crypter;
-    BYTE* rawCipher = nullptr;
-    DWORD rawCipherSize = 0;
-    DWORD result = crypter.Initialize(kKeyCrypterAlgorithm, 0);
+    qv::ByteBuffer cipherBytes;
+    DWORD cipherSize = 0;
+    DWORD result = crypter.Initialize(KeyCrypter::kKeyExchangeAlgorithm, 0);
     if (!ZEB_FAILED(result)) {
-        result = crypter.EncryptWithPublicKey(static_cast<USHORT>(rawPublicKeySize), rawPublicKey, rawKeySize, rawKey,
-                                              &rawCipherSize, &rawCipher);
+        result = crypter.EncryptWithPublicKey(static_cast<USHORT>(publicKeySize), publicKeyBytes.get(), keySize,
+                                              keyBytes.get(), &cipherSize, qv::out_param(cipherBytes, cipherSize));
         // EncryptWithPublicKey reports success even when its last step (the
         // byte reversal) failed and left no output.
-        if (!ZEB_FAILED(result) && !rawCipher) {
+        if (!ZEB_FAILED(result) && !cipherBytes) {
             WSCLOG(1, L"WSDrvCommClient::GetACT EncryptWithPublicKey pbyCipherData ZEB_ERROR = %08x",
                    ZEB_ERROR_OUTOFMEMORY);
             result = ZEB_ERROR_OUTOFMEMORY;
         }
         if (!ZEB_FAILED(result)) result = crypter.Clear();
     }
-    qv::ByteBuffer cipherBytes(rawCipher, rawCipher ? rawCipherSize : 0);
     if (ZEB_FAILED(result)) {
         crypter.Clear();
         return result;
     }
 
-    *cipherText = Base64Encoding(rawCipher, rawCipherSize);
-    if (cipherText->empty()) {
-        WSCLOG(1, L"WSDrvCommClient::GetACT Base64Encoding pbyCipherData ZEB_ERROR = %08x", ZEB_ERROR_OUTOFMEMORY);
-        return ZEB_ERROR_OUTOFMEMORY;
-    }
+    *cipherText = Base64Encoding(cipherBytes.get(), cipherSize);
+    if (cipherText->empty())
+        return QV_FAIL(ZEB_ERROR_OUTOFMEMORY, L"WSDrvCommClient::GetACT Base64Encoding pbyCipherData ZEB_ERROR = %08x");
     return result;
 }
 
 }  // namespace
+
+ActKeyFields::~ActKeyFields() { qv::SecureWipe(hmacKey); }
 
 WSDrvCommClient::WSDrvCommClient(const std::wstring& address) : WLSClient(address) {
     WSCLOG(4, L"WSDrvCommClient constructor IN");
@@ -96,7 +91,8 @@ void WSDrvCommClient::ConvertFlagToValue(DWORD actFlags, std::deque<std::wstring
     values->clear();
     wchar_t text[128];
     for (int value : qv::ActValuesForFlags(actFlags)) {
-        swprintf(text, 128, L"%d", value);
+        // An int in decimal always fits the 128 characters.
+        (void)swprintf(text, 128, L"%d", value);
         values->push_back(text);
     }
     WSCLOG(4, L"WSDrvCommClient::ConvertFlagToValue OUT");
@@ -104,26 +100,15 @@ void WSDrvCommClient::ConvertFlagToValue(DWORD actFlags, std::deque<std::wstring
 
 DWORD WSDrvCommClient::Request(WSRequest* message, const std::wstring& mtom) {
     WSCLOG(4, L"WSDrvCommClient::Request IN");
-    if (!message) {
-        WSCLOG(1, L"WSDrvCommClient::Request PARAMETER ZEB_ERROR = %08x", ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
-    if (!m_pSoapTrans) {
-        WSCLOG(1, L"WSDrvCommClient::Request ZEB_ERROR_GENERAL_INVALID_INSTANCE ZEB_ERROR = %08x",
-               ZEB_ERROR_GENERAL_INVALID_INSTANCE);
-        return ZEB_ERROR_GENERAL_INVALID_INSTANCE;
-    }
-    SoapRequest request(m_wstrAddress, m_usPort, m_usSecurePort, m_wstrDrvCommUrl);
-    DWORD result = message->Serialize(&request);
-    if (ZEB_FAILED(result)) return result;
-
-    SoapResponse response;
-    result = m_pSoapTrans->Request(&request, &response, mtom);
+    if (!message) return QV_FAIL(ZEB_ERROR_INVALID_PARAMETER, L"WSDrvCommClient::Request PARAMETER ZEB_ERROR = %08x");
+    if (!m_pSoapTrans)
+        return QV_FAIL(ZEB_ERROR_GENERAL_INVALID_INSTANCE, L"WSDrvCommClient::Request ZEB_ERROR_GENERAL_INVALID_INSTANCE ZEB_ERROR = %08x");
     // A server error still carries a SOAP fault worth reading: the message
     // turns it into its own code.
-    if (ZEB_FAILED(result) && result != ZEB_ERROR_HTTP_SERVER_ERROR) return result;
-
-    result = message->Deserialize(&response, mtom.c_str());
+    bool answered = false;
+    const DWORD result = SoapExchange(m_wstrAddress, m_usPort, m_usSecurePort, m_wstrDrvCommUrl)
+                             .Run(*m_pSoapTrans, *message, mtom, SoapExchange::ServerError::ReadFault, &answered);
+    if (!answered) return result;
     WSCLOG(4, L"WSDrvCommClient::Request OUT");
     return result;
 }
@@ -131,15 +116,10 @@ DWORD WSDrvCommClient::Request(WSRequest* message, const std::wstring& mtom) {
 DWORD WSDrvCommClient::GetPublicKey(std::wstring* algorithm, std::wstring* strength, std::wstring* length,
                                     std::wstring* publicKey) {
     WSCLOG(4, L"WSDrvCommClient::GetPublicKey IN");
-    if (!algorithm || !strength || !length || !publicKey) {
-        WSCLOG(1, L"WSDrvCommClient::GetPublicKey PARAMETER ZEB_ERROR = %08x", ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
-    if (!m_pSoapTrans) {
-        WSCLOG(1, L"WSDrvCommClient::GetPublicKey ZEB_ERROR_GENERAL_INVALID_INSTANCE ZEB_ERROR = %08x",
-               ZEB_ERROR_GENERAL_INVALID_INSTANCE);
-        return ZEB_ERROR_GENERAL_INVALID_INSTANCE;
-    }
+    if (!algorithm || !strength || !length || !publicKey)
+        return QV_FAIL(ZEB_ERROR_INVALID_PARAMETER, L"WSDrvCommClient::GetPublicKey PARAMETER ZEB_ERROR = %08x");
+    if (!m_pSoapTrans)
+        return QV_FAIL(ZEB_ERROR_GENERAL_INVALID_INSTANCE, L"WSDrvCommClient::GetPublicKey ZEB_ERROR_GENERAL_INVALID_INSTANCE ZEB_ERROR = %08x");
     GetPublicKeyRequest message(m_wstrSecurityToken);
     DWORD result = m_pSoapTrans->SetUrl(m_wstrDrvCommUrl);
     if (ZEB_FAILED(result)) return result;
@@ -158,9 +138,9 @@ DWORD WSDrvCommClient::ActInfoToText(DWORD actType, const void* actData, DWORD a
                                      const void* signatureData, DWORD signatureSize, std::wstring* act,
                                      std::wstring* signature) {
     std::wstring actText;
-    if (actType == kActDataText) {
+    if (actType == GetACTRequest::kDataText) {
         if (actData) actText.assign(static_cast<const wchar_t*>(actData), actSize);
-    } else if (actType == kActDataBinary) {
+    } else if (actType == GetACTRequest::kDataBinary) {
         actText = Base64Encoding(static_cast<const BYTE*>(actData), actSize);
     } else {
         WSCLOG(1, L"WSDrvCommClient::GetACT UnknownActInfoDataType ZEB_ERROR = %08x",
@@ -168,9 +148,9 @@ DWORD WSDrvCommClient::ActInfoToText(DWORD actType, const void* actData, DWORD a
         return ZEB_ERROR_GENERAL_INVALID_INSTANCE;
     }
     std::wstring signatureText;
-    if (signatureType == kActDataText) {
+    if (signatureType == GetACTRequest::kDataText) {
         if (signatureData) signatureText.assign(static_cast<const wchar_t*>(signatureData), signatureSize);
-    } else if (signatureType == kActDataBinary) {
+    } else if (signatureType == GetACTRequest::kDataBinary) {
         // An unsigned ACT comes as zero bytes: no signature, not an error.
         if (signatureSize) signatureText = Base64Encoding(static_cast<const BYTE*>(signatureData), signatureSize);
     } else {
@@ -183,26 +163,19 @@ DWORD WSDrvCommClient::ActInfoToText(DWORD actType, const void* actData, DWORD a
     return 0;
 }
 
-DWORD WSDrvCommClient::GetACT(const std::wstring& subject, DWORD actFlags, const std::wstring& hmacAlgorithm,
-                              const std::wstring& hmacKeyStrength, const std::wstring& hmacKey,
-                              const std::wstring& publicKeyAlgorithm, const std::wstring& publicKeyStrength,
-                              const std::wstring& publicKey, std::wstring* act, std::wstring* signature) {
+DWORD WSDrvCommClient::GetACT(const std::wstring& subject, DWORD actFlags, const ActKeyFields& key,
+                              std::wstring* act, std::wstring* signature) {
     WSCLOG(4, L"WSDrvCommClient::GetACT IN");
-    if (!act || !signature) {
-        WSCLOG(1, L"WSDrvCommClient::GetACT PARAMETER ZEB_ERROR = %08x", ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
-    if (!m_pSoapTrans) {
-        WSCLOG(1, L"WSDrvCommClient::GetACT ZEB_ERROR_GENERAL_INVALID_INSTANCE ZEB_ERROR = %08x",
-               ZEB_ERROR_GENERAL_INVALID_INSTANCE);
-        return ZEB_ERROR_GENERAL_INVALID_INSTANCE;
-    }
+    if (!act || !signature)
+        return QV_FAIL(ZEB_ERROR_INVALID_PARAMETER, L"WSDrvCommClient::GetACT PARAMETER ZEB_ERROR = %08x");
+    if (!m_pSoapTrans)
+        return QV_FAIL(ZEB_ERROR_GENERAL_INVALID_INSTANCE, L"WSDrvCommClient::GetACT ZEB_ERROR_GENERAL_INVALID_INSTANCE ZEB_ERROR = %08x");
 
     // Only the second attempt (both algorithms named) carries a key; it goes
     // out encrypted with the server's public key.
     std::wstring cipherText;
-    if (DecimalValue(hmacAlgorithm) != 0 && DecimalValue(publicKeyAlgorithm) != 0) {
-        DWORD result = EncryptHmacKey(hmacKey, publicKey, &cipherText);
+    if (DecimalValue(key.hmacAlgorithm) != 0 && DecimalValue(key.publicKeyAlgorithm) != 0) {
+        DWORD result = EncryptHmacKey(key.hmacKey, key.publicKey, &cipherText);
         if (ZEB_FAILED(result)) return result;
     }
 
@@ -214,8 +187,8 @@ DWORD WSDrvCommClient::GetACT(const std::wstring& subject, DWORD actFlags, const
         return ZEB_ERROR_GENERAL_INVALID_INSTANCE;
     }
 
-    GetACTRequest message(m_wstrSecurityToken, subject, hmacAlgorithm, hmacKeyStrength, publicKeyAlgorithm,
-                          publicKeyStrength, cipherText, std::move(values));
+    GetACTRequest message(m_wstrSecurityToken, subject, key.hmacAlgorithm, key.hmacKeyStrength,
+                          key.publicKeyAlgorithm, key.publicKeyStrength, cipherText, std::move(values));
     std::wstring mtom;
     if (AddinSettings::Current()->dwEnableMTOM) mtom = kMtomArgument;
 

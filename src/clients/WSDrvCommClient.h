@@ -8,8 +8,31 @@
 
 #include "clients/WLSClient.h"
 
+// The key-exchange fields of a GetACT request, as text. The first attempt
+// names no key (algorithms "0", no texts); once the server asked for a key,
+// they name the new HMAC key (Base64) and the server's public key (Base64),
+// which encrypts it. The key text is wiped when the fields go.
+struct ActKeyFields {
+    std::wstring hmacAlgorithm = L"0";
+    std::wstring hmacKeyStrength = L"0";
+    std::wstring hmacKey;
+    std::wstring publicKeyAlgorithm = L"0";
+    std::wstring publicKeyStrength = L"0";
+    std::wstring publicKey;
+
+    ActKeyFields() = default;
+    ~ActKeyFields();
+    ActKeyFields(const ActKeyFields&) = delete;
+    ActKeyFields& operator=(const ActKeyFields&) = delete;
+};
+
 class WSDrvCommClient : public WLSClient {
 public:
+    // The device service's names of the key the add-in makes for it.
+    static constexpr DWORD kHmacAlgorithm = 301;
+    static constexpr DWORD kHmacKeyStrength = 1;
+    static constexpr DWORD kHmacKeyBytes = 20;
+
     explicit WSDrvCommClient(const std::wstring& address);
     ~WSDrvCommClient() override;
 
@@ -17,19 +40,14 @@ public:
     DWORD GetPublicKey(std::wstring* algorithm, std::wstring* strength, std::wstring* length,
                        std::wstring* publicKey);
     // ACT and signature come back as Base64 text.
-    DWORD GetACT(const std::wstring& subject, DWORD actFlags, const std::wstring& hmacAlgorithm,
-                 const std::wstring& hmacKeyStrength, const std::wstring& hmacKey,
-                 const std::wstring& publicKeyAlgorithm, const std::wstring& publicKeyStrength,
-                 const std::wstring& publicKey, std::wstring* act, std::wstring* signature);
+    DWORD GetACT(const std::wstring& subject, DWORD actFlags, const ActKeyFields& key, std::wstring* act,
+                 std::wstring* signature);
     // ACT flags -> the ACV values the request carries, in the wire order.
     static void ConvertFlagToValue(DWORD actFlags, std::deque<std::wstring>* values);
 
-    // How a GetACT answer delivers the ACT and the signature.
-    enum ActDataType : DWORD {
-        kActDataText = 1,    // the element's Base64 text, taken as it is
-        kActDataBinary = 2,  // raw bytes, Base64-encoded here
-    };
-    // Turns an answer's ACT and signature into Base64 text; any other data type
+    // Turns an answer's ACT and signature into Base64 text: the text of
+    // GetACTRequest::kDataText as it is, the bytes of kDataBinary encoded
+    // here; any other data type
     // fails with ZEB_ERROR_GENERAL_INVALID_INSTANCE and leaves both outputs as
     // they were. Text sizes are in UTF-16 code units, binary sizes in bytes.
     static DWORD ActInfoToText(DWORD actType, const void* actData, DWORD actSize, DWORD signatureType,

@@ -9,12 +9,16 @@ template <typename T>
 class ComPtr {
 public:
     ComPtr() noexcept = default;
-    ComPtr(T* p) noexcept : m_p(p) { if (m_p) m_p->AddRef(); }  // NOLINT: adopts with AddRef
+    // Implicit on purpose: a raw pointer converts as an assignment would, and
+    // the holder takes a reference of its own (AddRef).
+    // cppcheck-suppress noExplicitConstructor
+    ComPtr(T* p) noexcept : m_p(p) { if (m_p) m_p->AddRef(); }  // NOLINT(google-explicit-constructor)
     ComPtr(const ComPtr& other) noexcept : ComPtr(other.m_p) {}
     ComPtr(ComPtr&& other) noexcept : m_p(other.m_p) { other.m_p = nullptr; }
     ~ComPtr() { reset(); }
 
-    ComPtr& operator=(const ComPtr& other) noexcept {
+    // Self-assignment holds the same pointer: the comparison covers it.
+    ComPtr& operator=(const ComPtr& other) noexcept {  // NOLINT(bugprone-unhandled-self-assignment)
         if (m_p != other.m_p) {
             T* old = m_p;
             m_p = other.m_p;

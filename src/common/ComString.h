@@ -5,20 +5,13 @@
 #include <windows.h>
 #include <oleauto.h>
 
-#include "common/UniqueHandle.h"
+#include "common/Holders.h"
 
 namespace qv {
 
-struct BstrTraits {
-    using Type = BSTR;
-    static Type Invalid() noexcept { return nullptr; }
-    static void Close(Type value) noexcept { SysFreeString(value); }
-};
-using UniqueBstr = UniqueHandle<BstrTraits>;
-
 // A BSTR copy of `text`; check with valid(), SysAllocString can fail.
-inline UniqueBstr MakeBstr(const wchar_t* text) noexcept {
-    return UniqueBstr(SysAllocString(text ? text : L""));
+inline qv::UniqueBstr MakeBstr(const wchar_t* text) noexcept {
+    return qv::UniqueBstr(SysAllocString(text ? text : L""));
 }
 
 // Owns one VARIANT: initialised on construction, cleared on destruction.

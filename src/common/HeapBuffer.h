@@ -37,6 +37,8 @@ inline void FreeSecret(void* data, size_t size) noexcept {
 template <typename T, bool WipeOnFree = false>
 class HeapBuffer {
 public:
+    using Element = T;
+
     HeapBuffer() noexcept = default;
     HeapBuffer(T* data, size_t bytes) noexcept : m_data(data), m_bytes(bytes) {}
     ~HeapBuffer() { reset(); }
@@ -73,6 +75,12 @@ public:
         m_data = data;
         m_bytes = bytes;
     }
+    // For a call that hands out a malloc'd block: frees the current one and
+    // gives the address (see OutParam for the block's size).
+    T** put() noexcept {
+        reset();
+        return &m_data;
+    }
     T* release() noexcept {
         T* data = m_data;
         m_data = nullptr;
@@ -88,6 +96,30 @@ private:
     T* m_data = nullptr;
     size_t m_bytes = 0;
 };
+
+// For a call that hands out a malloc'd block through an out-parameter and its
+// size through another (or as its result): the holder takes both when the
+// full expression of the call is over, so no raw pointer is left to free.
+//     DWORD size = 0;
+//     DWORD result = Decode(text, &size, qv::out_param(buffer, size));
+template <typename Buffer, typename Size>
+class OutParam {
+public:
+    OutParam(Buffer& holder, const Size& size) noexcept : m_holder(holder), m_size(size) {}
+    ~OutParam() { m_holder.reset(m_data, m_data ? static_cast<size_t>(m_size) : 0); }
+    OutParam(const OutParam&) = delete;
+    OutParam& operator=(const OutParam&) = delete;
+    operator typename Buffer::Element**() noexcept { return &m_data; }
+
+private:
+    Buffer& m_holder;
+    const Size& m_size;
+    typename Buffer::Element* m_data = nullptr;
+};
+template <typename Buffer, typename Size>
+OutParam<Buffer, Size> out_param(Buffer& holder, const Size& size) noexcept {
+    return OutParam<Buffer, Size>(holder, size);
+}
 
 using ByteBuffer = HeapBuffer<BYTE>;
 using SecretBytes = HeapBuffer<BYTE, true>;

@@ -1,5 +1,8 @@
 #include "config/AddinSettings.h"
 
+#include "common/Holders.h"
+
+#include "log/TraceRedaction.h"
 #include "log/WSCLog.h"
 
 namespace {
@@ -8,6 +11,11 @@ constexpr DWORD kValueChars = 260;
 
 SRWLOCK g_currentLock = SRWLOCK_INIT;
 std::shared_ptr<const AddinSettings> g_current;
+
+std::shared_ptr<const AddinSettings> Snapshot() {
+    qv::SrwShared hold(g_currentLock);
+    return g_current;
+}
 
 // A present but empty key leaves the previous value (for a path: its default).
 void ReadString(const wchar_t* path, const wchar_t* key, std::wstring& field) {
@@ -40,6 +48,7 @@ void AddinSettings::ReadIni() {
     dwRetryCount = ReadInt(path, L"RetryCount", 0);
     dwEnableMTOM = ReadInt(path, L"EnableMTOM", 0);
     dwStrictServerCertificate = ReadInt(path, L"StrictServerCertificate", 0);
+    dwTraceRedactSecrets = ReadInt(path, L"TraceRedactSecrets", 0);
     ReadString(path, L"WlsNamespace", wstrWlsNamespace);
     ReadString(path, L"ZebNamespace", wstrZebNamespace);
 }
@@ -64,18 +73,17 @@ std::wstring AddinSettings::IniPathForModuleFile(const std::wstring& moduleFileN
 }
 
 std::shared_ptr<const AddinSettings> AddinSettings::Current() {
-    AcquireSRWLockShared(&g_currentLock);
-    std::shared_ptr<const AddinSettings> current = g_current;
-    ReleaseSRWLockShared(&g_currentLock);
+    std::shared_ptr<const AddinSettings> current = Snapshot();
     if (current) return current;
+    // Replace never stores null: the second look finds a snapshot.
     Replace(std::make_shared<const AddinSettings>());
-    return Current();
+    return Snapshot();
 }
 
 void AddinSettings::Replace(std::shared_ptr<const AddinSettings> settings) {
     if (!settings) return;
     WSCLog::Configure(settings->dwDebugLevel, settings->wstrDebugFile);
-    AcquireSRWLockExclusive(&g_currentLock);
+    TraceRedaction::Configure(settings->dwTraceRedactSecrets != 0);
+    qv::SrwExclusive hold(g_currentLock);
     g_current = std::move(settings);
-    ReleaseSRWLockExclusive(&g_currentLock);
 }

@@ -27,6 +27,10 @@ struct AddinSettings {
     // (authority, name, date); 0 keeps the lenient trust of servers with
     // self-signed certificates.
     DWORD dwStrictServerCertificate = 0;
+    // Non-zero: level-5 trace lines show "***" in place of passwords,
+    // challenge answers, the Basic payload, the encrypted HMAC key and the
+    // SAML assertion; 0 writes every line as it always was.
+    DWORD dwTraceRedactSecrets = 0;
     // The two service namespaces are the server's; they must match it.
     std::wstring wstrWlsNamespace = kDefaultWlsNamespace;
     std::wstring wstrZebNamespace = kDefaultZebNamespace;

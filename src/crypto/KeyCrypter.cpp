@@ -8,29 +8,10 @@
 
 #include "Quorvantis.h"
 #include "common/HeapBuffer.h"
-#include "common/UniqueHandle.h"
+#include "common/Holders.h"
 #include "log/WSCLog.h"
 
 namespace {
-
-struct CryptProvTraits {
-    using Type = HCRYPTPROV;
-    static Type Invalid() { return 0; }
-    static void Close(Type h) { CryptReleaseContext(h, 0); }
-};
-struct CryptKeyTraits {
-    using Type = HCRYPTKEY;
-    static Type Invalid() { return 0; }
-    static void Close(Type h) { CryptDestroyKey(h); }
-};
-struct CryptHashTraits {
-    using Type = HCRYPTHASH;
-    static Type Invalid() { return 0; }
-    static void Close(Type h) { CryptDestroyHash(h); }
-};
-using UniqueCryptProv = qv::UniqueHandle<CryptProvTraits>;
-using UniqueCryptKey = qv::UniqueHandle<CryptKeyTraits>;
-using UniqueCryptHash = qv::UniqueHandle<CryptHashTraits>;
 
 // The provider type of every context this class opens; the default provider
 // name (null) is used with it.
@@ -119,6 +100,10 @@ bool IsSupportedAlgorithm(ALG_ID algorithm) {
 
 KeyCrypter::AcquireContextFn g_acquireContext = &CryptAcquireContextW;
 
+// A failed CryptoAPI call: its last error mapped, logged for the call site
+// and returned.
+#define QV_CRYPT_FAILED(format) QV_LAST_ERROR(&KeyCrypter::MapCryptError, format)
+
 }  // namespace
 
 KeyCrypter::AcquireContextFn KeyCrypter::SetAcquireContextForTest(AcquireContextFn fn) {
@@ -135,38 +120,28 @@ DWORD KeyCrypter::MapCryptError(DWORD error) {
     return ZEB_ERROR_CRYPT_GENERAL_ERROR;
 }
 
-KeyCrypter::KeyCrypter() : m_hProv(0), m_algId(0), m_tszKeyContainerName{}, m_dwProviderState(0) {}
+KeyCrypter::KeyCrypter() : m_algId(0), m_tszKeyContainerName{}, m_dwProviderState(0) {}
 
 KeyCrypter::~KeyCrypter() { Clear(); }
 
 DWORD KeyCrypter::Initialize(ALG_ID algorithm, HCRYPTPROV sharedProvider) {
     WSCLOG(4, L"KeyCrypter::Initialize IN");
-    if (m_hProv) {
-        WSCLOG(1, L"CKeyCrypter::Initialize Initialized Before ZEB_ERROR = %08x", ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
-    if (!IsSupportedAlgorithm(algorithm)) {
-        WSCLOG(1, L"CKeyCrypter::Initialize UnsupportedProvider ZEB_ERROR = %08x", ZEB_ERROR_CRYPT_GENERAL_ERROR);
-        return ZEB_ERROR_CRYPT_GENERAL_ERROR;
-    }
+    if (m_hProv)
+        return QV_FAIL(ZEB_ERROR_INVALID_PARAMETER, L"CKeyCrypter::Initialize Initialized Before ZEB_ERROR = %08x");
+    if (!IsSupportedAlgorithm(algorithm))
+        return QV_FAIL(ZEB_ERROR_CRYPT_GENERAL_ERROR, L"CKeyCrypter::Initialize UnsupportedProvider ZEB_ERROR = %08x");
 
     if (sharedProvider) {
-        if (!CryptContextAddRef(sharedProvider, nullptr, 0)) {
-            DWORD error = GetLastError();
-            DWORD result = MapCryptError(error);
-            WSCLOG(1, L"CKeyCrypter::Initialize CryptContextAddRef Error = %08x ZEB_ERROR = %08x", error, result);
-            return result;
-        }
-        m_hProv = sharedProvider;
+        if (!CryptContextAddRef(sharedProvider, nullptr, 0))
+            return QV_CRYPT_FAILED(L"CKeyCrypter::Initialize CryptContextAddRef Error = %08x ZEB_ERROR = %08x");
+        m_hProv.reset(sharedProvider);
         m_dwProviderState = kSharedProvider;
         m_algId = algorithm;
         WSCLOG(4, L"KeyCrypter::Initialize OUT");
         return 0;
     }
 
-    HCRYPTPROV provider = 0;
-    if (g_acquireContext(&provider, nullptr, nullptr, kProviderType, CRYPT_VERIFYCONTEXT)) {
-        m_hProv = provider;
+    if (g_acquireContext(m_hProv.put(), nullptr, nullptr, kProviderType, CRYPT_VERIFYCONTEXT)) {
         m_dwProviderState = kVerifyContext;
         m_algId = algorithm;
         WSCLOG(4, L"KeyCrypter::Initialize OUT");
@@ -181,9 +156,7 @@ DWORD KeyCrypter::Initialize(ALG_ID algorithm, HCRYPTPROV sharedProvider) {
     WSCLOG(5, L"CKeyCrypter::Initialize m_tszKeyContainerName = %s", m_tszKeyContainerName);
 
     for (const AcquireAttempt& attempt : kContainerAttempts) {
-        provider = 0;
-        if (g_acquireContext(&provider, m_tszKeyContainerName, nullptr, kProviderType, attempt.flags)) {
-            m_hProv = provider;
+        if (g_acquireContext(m_hProv.put(), m_tszKeyContainerName, nullptr, kProviderType, attempt.flags)) {
             m_dwProviderState = attempt.state;
             m_algId = algorithm;
             WSCLOG(3, L"CKeyCrypter::Initialize CryptAcquireContext(flags = %08x) success", attempt.flags);
@@ -221,12 +194,9 @@ DWORD KeyCrypter::Clear() {
         WSCLOG(4, L"KeyCrypter::Clear OUT");
         return 0;
     }
-    CryptReleaseContext(m_hProv, 0);
-    if (!IsSupportedAlgorithm(m_algId)) {
-        // The handle field keeps its (now released) value; kept as built.
-        WSCLOG(1, L"KeyCrypter::Clear UnsupportedProvider ZEB_ERROR = %08x", ZEB_ERROR_CRYPT_GENERAL_ERROR);
-        return ZEB_ERROR_CRYPT_GENERAL_ERROR;
-    }
+    m_hProv.reset();
+    if (!IsSupportedAlgorithm(m_algId))
+        return QV_FAIL(ZEB_ERROR_CRYPT_GENERAL_ERROR, L"KeyCrypter::Clear UnsupportedProvider ZEB_ERROR = %08x");
     HCRYPTPROV unused = 0;
     if (m_dwProviderState == kUserKeySet) {
         if (!g_acquireContext(&unused, m_tszKeyContainerName, nullptr, kProviderType, CRYPT_DELETEKEYSET)) {
@@ -244,7 +214,6 @@ DWORD KeyCrypter::Clear() {
                    m_tszKeyContainerName, GetLastError());
         }
     }
-    m_hProv = 0;
     m_algId = 0;
     WSCLOG(4, L"KeyCrypter::Clear OUT");
     return 0;
@@ -252,10 +221,8 @@ DWORD KeyCrypter::Clear() {
 
 DWORD KeyCrypter::Next(BYTE* buffer, DWORD count) {
     WSCLOG(4, L"KeyCrypter::Next IN");
-    if (!buffer && count) {
-        WSCLOG(1, L"KeyCrypter::Next buffer ERROR_INVALID_PARAMETER ZEB_ERROR = %08x", ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
+    if (!buffer && count)
+        return QV_FAIL(ZEB_ERROR_INVALID_PARAMETER, L"KeyCrypter::Next buffer ERROR_INVALID_PARAMETER ZEB_ERROR = %08x");
     if (!m_hProv) {
         // The invalid-handle code is not a CryptoAPI code: the mapping turns
         // it into the general one.
@@ -263,60 +230,33 @@ DWORD KeyCrypter::Next(BYTE* buffer, DWORD count) {
         WSCLOG(1, L"KeyCrypter::Next m_hProv ZEB_ERROR = %08x", result);
         return result;
     }
-    if (!CryptGenRandom(m_hProv, count, buffer)) {
-        DWORD error = GetLastError();
-        DWORD result = MapCryptError(error);
-        WSCLOG(1, L"CKeyCrypter::Next CryptGenRandom Error = %08x ZEB_ERROR = %08x", error, result);
-        return result;
-    }
+    if (!CryptGenRandom(m_hProv.get(), count, buffer))
+        return QV_CRYPT_FAILED(L"CKeyCrypter::Next CryptGenRandom Error = %08x ZEB_ERROR = %08x");
     WSCLOG(4, L"KeyCrypter::Next OUT");
     return 0;
 }
 
 DWORD KeyCrypter::GetHashData(const BYTE* data, DWORD size, BYTE** outHash, DWORD* outHashSize) {
     WSCLOG(4, L"KeyCrypter::GetHashData IN");
-    if (!data && size) {
-        WSCLOG(1, L"KeyCrypter::GetHashData in_pbyData ERROR_INVALID_PARAMETER ZEB_ERROR = %08x",
-               ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
-    if (!outHash || !outHashSize) {
-        WSCLOG(1, L"KeyCrypter::GetHashData out_ppbyHash ERROR_INVALID_PARAMETER ZEB_ERROR = %08x",
-               ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
+    if (!data && size)
+        return QV_FAIL(ZEB_ERROR_INVALID_PARAMETER, L"KeyCrypter::GetHashData in_pbyData ERROR_INVALID_PARAMETER ZEB_ERROR = %08x");
+    if (!outHash || !outHashSize)
+        return QV_FAIL(ZEB_ERROR_INVALID_PARAMETER, L"KeyCrypter::GetHashData out_ppbyHash ERROR_INVALID_PARAMETER ZEB_ERROR = %08x");
     *outHash = nullptr;
     *outHashSize = 0;
-    if (!m_hProv) {
-        WSCLOG(1, L"KeyCrypter::GetHashData m_hProv ZEB_ERROR = %08x", ZEB_ERROR_INVALID_HANDLE);
-        return ZEB_ERROR_INVALID_HANDLE;
-    }
+    if (!m_hProv) return QV_FAIL(ZEB_ERROR_INVALID_HANDLE, L"KeyCrypter::GetHashData m_hProv ZEB_ERROR = %08x");
 
-    UniqueCryptHash hash;
-    if (!CryptCreateHash(m_hProv, m_algId, 0, 0, hash.addressof())) {
-        DWORD error = GetLastError();
-        DWORD result = MapCryptError(error);
-        WSCLOG(1, L"KeyCrypter::GetHashData CryptCreateHash Error = %08x ZEB_ERROR = %08x", error, result);
-        return result;
-    }
-    if (!CryptHashData(hash.get(), data, size, 0)) {
-        DWORD error = GetLastError();
-        DWORD result = MapCryptError(error);
-        WSCLOG(1, L"KeyCrypter::GetHashData CryptHashData Error = %08x ZEB_ERROR = %08x", error, result);
-        return result;
-    }
+    qv::UniqueCryptHash hash;
+    if (!CryptCreateHash(m_hProv.get(), m_algId, 0, 0, hash.put()))
+        return QV_CRYPT_FAILED(L"KeyCrypter::GetHashData CryptCreateHash Error = %08x ZEB_ERROR = %08x");
+    if (!CryptHashData(hash.get(), data, size, 0))
+        return QV_CRYPT_FAILED(L"KeyCrypter::GetHashData CryptHashData Error = %08x ZEB_ERROR = %08x");
     qv::SecretBytes value;
-    if (!value.allocate(kHashOutputBytes)) {
-        WSCLOG(1, L"KeyCrypter::GetHashData malloc ZEB_ERROR = %08x", ZEB_ERROR_OUTOFMEMORY);
-        return ZEB_ERROR_OUTOFMEMORY;
-    }
+    if (!value.allocate(kHashOutputBytes))
+        return QV_FAIL(ZEB_ERROR_OUTOFMEMORY, L"KeyCrypter::GetHashData malloc ZEB_ERROR = %08x");
     DWORD valueSize = kHashOutputBytes;
-    if (!CryptGetHashParam(hash.get(), HP_HASHVAL, value.get(), &valueSize, 0)) {
-        DWORD error = GetLastError();
-        DWORD result = MapCryptError(error);
-        WSCLOG(1, L"KeyCrypter::GetHashData CryptGetHashParam Error = %08x ZEB_ERROR = %08x", error, result);
-        return result;
-    }
+    if (!CryptGetHashParam(hash.get(), HP_HASHVAL, value.get(), &valueSize, 0))
+        return QV_CRYPT_FAILED(L"KeyCrypter::GetHashData CryptGetHashParam Error = %08x ZEB_ERROR = %08x");
     hash.reset();
     *outHash = value.release();
     *outHashSize = kHashOutputBytes;
@@ -327,81 +267,45 @@ DWORD KeyCrypter::GetHashData(const BYTE* data, DWORD size, BYTE** outHash, DWOR
 DWORD KeyCrypter::CreateHMAC(ALG_ID algorithm, USHORT keyLength, const BYTE* key, DWORD dataSize, const BYTE* data,
                              USHORT* outHMACLength, BYTE** outHMAC) {
     WSCLOG(4, L"KeyCrypter::CreateHMAC IN");
-    if (!m_hProv) {
-        WSCLOG(1, L"KeyCrypter::CreateHMAC m_hProv ZEB_ERROR = %08x", ZEB_ERROR_INVALID_HANDLE);
-        return ZEB_ERROR_INVALID_HANDLE;
-    }
-    if (algorithm != CALG_MD5 && algorithm != CALG_SHA1) {
-        WSCLOG(1, L"KeyCrypter::CreateHMAC in_AlgID ERROR_INVALID_PARAMETER ZEB_ERROR = %08x",
-               ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
-    if (keyLength > 0 && !key) {
-        WSCLOG(1, L"KeyCrypter::CreateHMAC in_pbyHMACKey ERROR_INVALID_PARAMETER ZEB_ERROR = %08x",
-               ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
-    if (dataSize == 0 || !data) {
-        WSCLOG(1, L"KeyCrypter::CreateHMAC in_pbySourceData ERROR_INVALID_PARAMETER ZEB_ERROR = %08x",
-               ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
-    if (!outHMACLength || !outHMAC) {
-        WSCLOG(1, L"KeyCrypter::CreateHMAC out_ppbyHMACValue ERROR_INVALID_PARAMETER ZEB_ERROR = %08x",
-               ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
-    if (keyLength > kHmacKeyBufferBytes) {
-        WSCLOG(1, L"KeyCrypter::CreateHMAC in_usHMACKeyLength ERROR_INVALID_PARAMETER ZEB_ERROR = %08x",
-               ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
+    if (!m_hProv) return QV_FAIL(ZEB_ERROR_INVALID_HANDLE, L"KeyCrypter::CreateHMAC m_hProv ZEB_ERROR = %08x");
+    if (algorithm != CALG_MD5 && algorithm != CALG_SHA1)
+        return QV_FAIL(ZEB_ERROR_INVALID_PARAMETER, L"KeyCrypter::CreateHMAC in_AlgID ERROR_INVALID_PARAMETER ZEB_ERROR = %08x");
+    if (keyLength > 0 && !key)
+        return QV_FAIL(ZEB_ERROR_INVALID_PARAMETER, L"KeyCrypter::CreateHMAC in_pbyHMACKey ERROR_INVALID_PARAMETER ZEB_ERROR = %08x");
+    if (dataSize == 0 || !data)
+        return QV_FAIL(ZEB_ERROR_INVALID_PARAMETER, L"KeyCrypter::CreateHMAC in_pbySourceData ERROR_INVALID_PARAMETER ZEB_ERROR = %08x");
+    if (!outHMACLength || !outHMAC)
+        return QV_FAIL(ZEB_ERROR_INVALID_PARAMETER, L"KeyCrypter::CreateHMAC out_ppbyHMACValue ERROR_INVALID_PARAMETER ZEB_ERROR = %08x");
+    if (keyLength > kHmacKeyBufferBytes)
+        return QV_FAIL(ZEB_ERROR_INVALID_PARAMETER, L"KeyCrypter::CreateHMAC in_usHMACKeyLength ERROR_INVALID_PARAMETER ZEB_ERROR = %08x");
     *outHMACLength = 0;
     *outHMAC = nullptr;
 
     // Zero padding to the 3DES key size does not change an HMAC.
     BYTE paddedKey[kHmacKeyBufferBytes] = {};
+    const auto wipePaddedKey = qv::scope_exit([&] { qv::SecureWipe(paddedKey, sizeof(paddedKey)); });
     if (keyLength) std::memcpy(paddedKey, key, keyLength);
 
-    DWORD result = 0;
-    UniqueCryptKey hmacKey;
+    qv::UniqueCryptKey hmacKey;
     {
         // The provider takes no plain HMAC key: wrap it under a temporary
         // exchange key and import it as a SIMPLEBLOB.
-        UniqueCryptKey exchangeKey;
-        if (!CryptGenKey(m_hProv, CALG_RSA_KEYX, 0, exchangeKey.addressof())) {
-            DWORD error = GetLastError();
-            result = MapCryptError(error);
-            WSCLOG(1, L"KeyCrypter::CreateHMAC CryptGenKey Error = %08x ZEB_ERROR = %08x", error, result);
-            qv::SecureWipe(paddedKey, sizeof(paddedKey));
-            return result;
-        }
+        qv::UniqueCryptKey exchangeKey;
+        if (!CryptGenKey(m_hProv.get(), CALG_RSA_KEYX, 0, exchangeKey.put()))
+            return QV_CRYPT_FAILED(L"KeyCrypter::CreateHMAC CryptGenKey Error = %08x ZEB_ERROR = %08x");
         DWORD blockSize = 0;
-        if (!CryptEncrypt(exchangeKey.get(), 0, TRUE, 0, nullptr, &blockSize, 0)) {
-            DWORD error = GetLastError();
-            result = MapCryptError(error);
-            WSCLOG(1, L"KeyCrypter::CreateHMAC CryptEncrypt Error = %08x ZEB_ERROR = %08x", error, result);
-            qv::SecureWipe(paddedKey, sizeof(paddedKey));
-            return result;
-        }
+        if (!CryptEncrypt(exchangeKey.get(), 0, TRUE, 0, nullptr, &blockSize, 0))
+            return QV_CRYPT_FAILED(L"KeyCrypter::CreateHMAC CryptEncrypt Error = %08x ZEB_ERROR = %08x");
         if (blockSize < kHmacKeyBufferBytes) blockSize = kHmacKeyBufferBytes;
         const DWORD blobSize = kSimpleBlobHeaderBytes + blockSize;
         qv::SecretBytes blob;
-        if (!blob.allocate(blobSize)) {
-            WSCLOG(1, L"KeyCrypter::CreateHMAC malloc ZEB_ERROR = %08x", ZEB_ERROR_OUTOFMEMORY);
-            qv::SecureWipe(paddedKey, sizeof(paddedKey));
-            return ZEB_ERROR_OUTOFMEMORY;
-        }
+        if (!blob.allocate(blobSize))
+            return QV_FAIL(ZEB_ERROR_OUTOFMEMORY, L"KeyCrypter::CreateHMAC malloc ZEB_ERROR = %08x");
         BYTE* wrapped = blob.get() + kSimpleBlobHeaderBytes;
         std::memcpy(wrapped, paddedKey, kHmacKeyBufferBytes);
-        qv::SecureWipe(paddedKey, sizeof(paddedKey));
         DWORD wrappedSize = kHmacKeyBufferBytes;
-        if (!CryptEncrypt(exchangeKey.get(), 0, TRUE, 0, wrapped, &wrappedSize, blockSize)) {
-            DWORD error = GetLastError();
-            result = MapCryptError(error);
-            WSCLOG(1, L"KeyCrypter::CreateHMAC CryptEncrypt Error = %08x ZEB_ERROR = %08x", error, result);
-            return result;
-        }
+        if (!CryptEncrypt(exchangeKey.get(), 0, TRUE, 0, wrapped, &wrappedSize, blockSize))
+            return QV_CRYPT_FAILED(L"KeyCrypter::CreateHMAC CryptEncrypt Error = %08x ZEB_ERROR = %08x");
         // BLOBHEADER then the wrapping algorithm, little-endian as CryptoAPI reads it.
         BYTE* header = blob.get();
         header[0] = kSimpleBlobType;
@@ -414,62 +318,32 @@ DWORD KeyCrypter::CreateHMAC(ALG_ID algorithm, USHORT keyLength, const BYTE* key
             header[4 + i] = static_cast<BYTE>(keyAlgorithm >> (8 * i));
             header[8 + i] = static_cast<BYTE>(wrapAlgorithm >> (8 * i));
         }
-        if (!CryptImportKey(m_hProv, blob.get(), kSimpleBlobHeaderBytes + wrappedSize, exchangeKey.get(),
-                            CRYPT_EXPORTABLE, hmacKey.addressof())) {
-            DWORD error = GetLastError();
-            result = MapCryptError(error);
-            WSCLOG(1, L"KeyCrypter::CreateHMAC CryptImportKey Error = %08x ZEB_ERROR = %08x", error, result);
-            return result;
-        }
+        if (!CryptImportKey(m_hProv.get(), blob.get(), kSimpleBlobHeaderBytes + wrappedSize, exchangeKey.get(),
+                            CRYPT_EXPORTABLE, hmacKey.put()))
+            return QV_CRYPT_FAILED(L"KeyCrypter::CreateHMAC CryptImportKey Error = %08x ZEB_ERROR = %08x");
     }
 
-    UniqueCryptHash hash;
-    if (!CryptCreateHash(m_hProv, CALG_HMAC, hmacKey.get(), 0, hash.addressof())) {
-        DWORD error = GetLastError();
-        result = MapCryptError(error);
-        WSCLOG(1, L"KeyCrypter::CreateHMAC CryptCreateHash Error = %08x ZEB_ERROR = %08x", error, result);
-        return result;
-    }
+    qv::UniqueCryptHash hash;
+    if (!CryptCreateHash(m_hProv.get(), CALG_HMAC, hmacKey.get(), 0, hash.put()))
+        return QV_CRYPT_FAILED(L"KeyCrypter::CreateHMAC CryptCreateHash Error = %08x ZEB_ERROR = %08x");
     HMAC_INFO info = {};
     info.HashAlgid = algorithm;  // default inner and outer strings
-    if (!CryptSetHashParam(hash.get(), HP_HMAC_INFO, reinterpret_cast<const BYTE*>(&info), 0)) {
-        DWORD error = GetLastError();
-        result = MapCryptError(error);
-        WSCLOG(1, L"KeyCrypter::CreateHMAC CryptSetHashParam Error = %08x ZEB_ERROR = %08x", error, result);
-        return result;
-    }
-    if (!CryptHashData(hash.get(), data, dataSize, 0)) {
-        DWORD error = GetLastError();
-        result = MapCryptError(error);
-        WSCLOG(1, L"KeyCrypter::CreateHMAC CryptHashData Error = %08x ZEB_ERROR = %08x", error, result);
-        return result;
-    }
+    if (!CryptSetHashParam(hash.get(), HP_HMAC_INFO, reinterpret_cast<const BYTE*>(&info), 0))
+        return QV_CRYPT_FAILED(L"KeyCrypter::CreateHMAC CryptSetHashParam Error = %08x ZEB_ERROR = %08x");
+    if (!CryptHashData(hash.get(), data, dataSize, 0))
+        return QV_CRYPT_FAILED(L"KeyCrypter::CreateHMAC CryptHashData Error = %08x ZEB_ERROR = %08x");
     DWORD hashSize = 0;
     DWORD paramSize = sizeof(hashSize);
-    if (!CryptGetHashParam(hash.get(), HP_HASHSIZE, reinterpret_cast<BYTE*>(&hashSize), &paramSize, 0)) {
-        DWORD error = GetLastError();
-        result = MapCryptError(error);
-        WSCLOG(1, L"KeyCrypter::CreateHMAC CryptGetHashParam Error = %08x ZEB_ERROR = %08x", error, result);
-        return result;
-    }
-    if (!CryptGetHashParam(hash.get(), HP_HASHVAL, nullptr, &hashSize, 0)) {
-        DWORD error = GetLastError();
-        result = MapCryptError(error);
-        WSCLOG(1, L"KeyCrypter::CreateHMAC CryptGetHashParam Error = %08x ZEB_ERROR = %08x", error, result);
-        return result;
-    }
+    if (!CryptGetHashParam(hash.get(), HP_HASHSIZE, reinterpret_cast<BYTE*>(&hashSize), &paramSize, 0))
+        return QV_CRYPT_FAILED(L"KeyCrypter::CreateHMAC CryptGetHashParam Error = %08x ZEB_ERROR = %08x");
+    if (!CryptGetHashParam(hash.get(), HP_HASHVAL, nullptr, &hashSize, 0))
+        return QV_CRYPT_FAILED(L"KeyCrypter::CreateHMAC CryptGetHashParam Error = %08x ZEB_ERROR = %08x");
     qv::SecretBytes value;
-    if (hashSize == 0 || hashSize > 0xFFFF || !value.allocate(hashSize < 8 ? 8 : hashSize)) {
-        WSCLOG(1, L"KeyCrypter::CreateHMAC malloc ZEB_ERROR = %08x", ZEB_ERROR_OUTOFMEMORY);
-        return ZEB_ERROR_OUTOFMEMORY;
-    }
+    if (hashSize == 0 || hashSize > 0xFFFF || !value.allocate(hashSize < 8 ? 8 : hashSize))
+        return QV_FAIL(ZEB_ERROR_OUTOFMEMORY, L"KeyCrypter::CreateHMAC malloc ZEB_ERROR = %08x");
     std::memset(value.get(), 0, 8);
-    if (!CryptGetHashParam(hash.get(), HP_HASHVAL, value.get(), &hashSize, 0)) {
-        DWORD error = GetLastError();
-        result = MapCryptError(error);
-        WSCLOG(1, L"KeyCrypter::CreateHMAC CryptGetHashParam Error = %08x ZEB_ERROR = %08x", error, result);
-        return result;
-    }
+    if (!CryptGetHashParam(hash.get(), HP_HASHVAL, value.get(), &hashSize, 0))
+        return QV_CRYPT_FAILED(L"KeyCrypter::CreateHMAC CryptGetHashParam Error = %08x ZEB_ERROR = %08x");
     hash.reset();
     hmacKey.reset();
     *outHMACLength = static_cast<USHORT>(hashSize);
@@ -481,47 +355,30 @@ DWORD KeyCrypter::CreateHMAC(ALG_ID algorithm, USHORT keyLength, const BYTE* key
 DWORD KeyCrypter::EncryptWithPublicKey(USHORT publicKeyLength, const BYTE* publicKey, DWORD dataSize,
                                        const BYTE* data, DWORD* outSize, BYTE** outEncrypted) {
     WSCLOG(4, L"KeyCrypter::EncryptWithPublicKey IN");
-    if (!m_hProv) {
-        WSCLOG(1, L"KeyCrypter::EncryptWithPublicKey m_hProv ZEB_ERROR = %08x", ZEB_ERROR_INVALID_HANDLE);
-        return ZEB_ERROR_INVALID_HANDLE;
-    }
-    if (publicKeyLength == 0 || !publicKey) {
-        WSCLOG(1, L"KeyCrypter::EncryptWithPublicKey in_pbyPublicKey ERROR_INVALID_PARAMETER ZEB_ERROR = %08x",
-               ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
-    if (dataSize == 0 || !data) {
-        WSCLOG(1, L"KeyCrypter::EncryptWithPublicKey in_pbySourceData ERROR_INVALID_PARAMETER ZEB_ERROR = %08x",
-               ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
-    if (!outSize || !outEncrypted) {
-        WSCLOG(1, L"KeyCrypter::EncryptWithPublicKey out_ppbyEncrypted ERROR_INVALID_PARAMETER ZEB_ERROR = %08x",
-               ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
+    if (!m_hProv)
+        return QV_FAIL(ZEB_ERROR_INVALID_HANDLE, L"KeyCrypter::EncryptWithPublicKey m_hProv ZEB_ERROR = %08x");
+    if (publicKeyLength == 0 || !publicKey)
+        return QV_FAIL(ZEB_ERROR_INVALID_PARAMETER, L"KeyCrypter::EncryptWithPublicKey in_pbyPublicKey ERROR_INVALID_PARAMETER ZEB_ERROR = %08x");
+    if (dataSize == 0 || !data)
+        return QV_FAIL(ZEB_ERROR_INVALID_PARAMETER, L"KeyCrypter::EncryptWithPublicKey in_pbySourceData ERROR_INVALID_PARAMETER ZEB_ERROR = %08x");
+    if (!outSize || !outEncrypted)
+        return QV_FAIL(ZEB_ERROR_INVALID_PARAMETER, L"KeyCrypter::EncryptWithPublicKey out_ppbyEncrypted ERROR_INVALID_PARAMETER ZEB_ERROR = %08x");
     *outSize = 0;
     *outEncrypted = nullptr;
 
     DWORD blobSize = 0;
-    BYTE* rawBlob = nullptr;
-    DWORD result = DecodePublicKey(publicKeyLength, publicKey, &blobSize, &rawBlob);
-    qv::ByteBuffer blob(rawBlob, blobSize);
+    qv::ByteBuffer blob;
+    DWORD result = DecodePublicKey(publicKeyLength, publicKey, &blobSize, qv::out_param(blob, blobSize));
     if (ZEB_FAILED(result)) return result;
 
-    UniqueCryptKey rsaKey;
-    if (!CryptImportKey(m_hProv, blob.get(), blobSize, 0, CRYPT_EXPORTABLE, rsaKey.addressof())) {
-        DWORD error = GetLastError();
-        result = MapCryptError(error);
-        WSCLOG(1, L"KeyCrypter::EncryptWithPublicKey CryptImportKey Error = %08x ZEB_ERROR = %08x", error, result);
-        return result;
-    }
+    qv::UniqueCryptKey rsaKey;
+    if (!CryptImportKey(m_hProv.get(), blob.get(), blobSize, 0, CRYPT_EXPORTABLE, rsaKey.put()))
+        return QV_CRYPT_FAILED(L"KeyCrypter::EncryptWithPublicKey CryptImportKey Error = %08x ZEB_ERROR = %08x");
 
     DWORD encryptedSize = 0;
-    BYTE* encrypted = nullptr;
-    result = EncryptData(rsaKey.get(), dataSize, data, &encryptedSize, &encrypted);
+    qv::SecretBytes littleEndian;
+    result = EncryptData(rsaKey.get(), dataSize, data, &encryptedSize, qv::out_param(littleEndian, encryptedSize));
     if (ZEB_FAILED(result)) return result;
-    qv::SecretBytes littleEndian(encrypted, encryptedSize);
 
     // CryptoAPI writes the block least significant byte first; the service
     // reads the big-endian RSA block.
@@ -540,31 +397,19 @@ DWORD KeyCrypter::EncryptWithPublicKey(USHORT publicKeyLength, const BYTE* publi
 DWORD KeyCrypter::DecodePublicKey(USHORT publicKeyLength, const BYTE* publicKey, DWORD* outBlobSize,
                                   BYTE** outBlob) {
     WSCLOG(4, L"KeyCrypter DecodePublicKey IN");
-    if (publicKeyLength == 0 || !publicKey || !outBlobSize || !outBlob) {
-        WSCLOG(1, L"KeyCrypter DecodePublicKey ERROR_INVALID_PARAMETER ZEB_ERROR = %08x", ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
+    if (publicKeyLength == 0 || !publicKey || !outBlobSize || !outBlob)
+        return QV_FAIL(ZEB_ERROR_INVALID_PARAMETER, L"KeyCrypter DecodePublicKey ERROR_INVALID_PARAMETER ZEB_ERROR = %08x");
     *outBlobSize = 0;
     *outBlob = nullptr;
 
     DWORD size = 0;
-    if (!CryptDecodeObject(kAsnEncoding, RSA_CSP_PUBLICKEYBLOB, publicKey, publicKeyLength, 0, nullptr, &size)) {
-        DWORD error = GetLastError();
-        DWORD result = MapCryptError(error);
-        WSCLOG(1, L"KeyCrypter DecodePublicKey CryptDecodeObject Error = %08x ZEB_ERROR = %08x", error, result);
-        return result;
-    }
+    if (!CryptDecodeObject(kAsnEncoding, RSA_CSP_PUBLICKEYBLOB, publicKey, publicKeyLength, 0, nullptr, &size))
+        return QV_CRYPT_FAILED(L"KeyCrypter DecodePublicKey CryptDecodeObject Error = %08x ZEB_ERROR = %08x");
     qv::ByteBuffer blob;
-    if (!blob.allocate(size)) {
-        WSCLOG(1, L"KeyCrypter DecodePublicKey malloc ZEB_ERROR = %08x", ZEB_ERROR_OUTOFMEMORY);
-        return ZEB_ERROR_OUTOFMEMORY;
-    }
-    if (!CryptDecodeObject(kAsnEncoding, RSA_CSP_PUBLICKEYBLOB, publicKey, publicKeyLength, 0, blob.get(), &size)) {
-        DWORD error = GetLastError();
-        DWORD result = MapCryptError(error);
-        WSCLOG(1, L"KeyCrypter DecodePublicKey CryptDecodeObject Error = %08x ZEB_ERROR = %08x", error, result);
-        return result;
-    }
+    if (!blob.allocate(size))
+        return QV_FAIL(ZEB_ERROR_OUTOFMEMORY, L"KeyCrypter DecodePublicKey malloc ZEB_ERROR = %08x");
+    if (!CryptDecodeObject(kAsnEncoding, RSA_CSP_PUBLICKEYBLOB, publicKey, publicKeyLength, 0, blob.get(), &size))
+        return QV_CRYPT_FAILED(L"KeyCrypter DecodePublicKey CryptDecodeObject Error = %08x ZEB_ERROR = %08x");
     *outBlobSize = size;
     *outBlob = blob.release();
     WSCLOG(4, L"KeyCrypter DecodePublicKey OUT");
@@ -574,52 +419,35 @@ DWORD KeyCrypter::DecodePublicKey(USHORT publicKeyLength, const BYTE* publicKey,
 DWORD KeyCrypter::EncryptData(HCRYPTKEY key, DWORD dataSize, const BYTE* data, DWORD* outSize,
                               BYTE** outEncrypted) {
     WSCLOG(4, L"KeyCrypter EncryptData IN");
-    if (!key || dataSize == 0 || !data || !outSize || !outEncrypted) {
-        WSCLOG(1, L"KeyCrypter EncryptData ERROR_INVALID_PARAMETER ZEB_ERROR = %08x", ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
+    if (!key || dataSize == 0 || !data || !outSize || !outEncrypted)
+        return QV_FAIL(ZEB_ERROR_INVALID_PARAMETER, L"KeyCrypter EncryptData ERROR_INVALID_PARAMETER ZEB_ERROR = %08x");
     *outSize = 0;
     *outEncrypted = nullptr;
 
     // The data is usually key material: every copy is wiped on release.
     qv::SecretBytes buffer;
-    if (!buffer.allocate(dataSize)) {
-        WSCLOG(1, L"KeyCrypter EncryptData malloc ZEB_ERROR = %08x", ZEB_ERROR_OUTOFMEMORY);
-        return ZEB_ERROR_OUTOFMEMORY;
-    }
+    if (!buffer.allocate(dataSize))
+        return QV_FAIL(ZEB_ERROR_OUTOFMEMORY, L"KeyCrypter EncryptData malloc ZEB_ERROR = %08x");
     std::memcpy(buffer.get(), data, dataSize);
     DWORD length = dataSize;
     if (!CryptEncrypt(key, 0, TRUE, 0, buffer.get(), &length, dataSize)) {
-        DWORD error = GetLastError();
-        if (error != ERROR_MORE_DATA) {
-            DWORD result = MapCryptError(error);
-            WSCLOG(1, L"CKeyCrypter EncryptData CryptEncrypt Error = %08x ZEB_ERROR = %08x", error, result);
-            return result;
-        }
+        const DWORD error = GetLastError();
+        if (error != ERROR_MORE_DATA)
+            return QV_FAILURE(error, &MapCryptError, L"CKeyCrypter EncryptData CryptEncrypt Error = %08x ZEB_ERROR = %08x");
         // `length` now holds the size the block needs. Wine's rsaenh leaves it
         // unchanged; then ask with a null buffer, which both platforms answer.
         if (length <= dataSize) {
             length = dataSize;
-            if (!CryptEncrypt(key, 0, TRUE, 0, nullptr, &length, 0)) {
-                error = GetLastError();
-                DWORD result = MapCryptError(error);
-                WSCLOG(1, L"CKeyCrypter EncryptData CryptEncrypt Error = %08x ZEB_ERROR = %08x", error, result);
-                return result;
-            }
+            if (!CryptEncrypt(key, 0, TRUE, 0, nullptr, &length, 0))
+                return QV_CRYPT_FAILED(L"CKeyCrypter EncryptData CryptEncrypt Error = %08x ZEB_ERROR = %08x");
         }
         const DWORD needed = length;
-        if (needed < dataSize || !buffer.allocate(needed)) {
-            WSCLOG(1, L"KeyCrypter EncryptData malloc ZEB_ERROR = %08x", ZEB_ERROR_OUTOFMEMORY);
-            return ZEB_ERROR_OUTOFMEMORY;
-        }
+        if (needed < dataSize || !buffer.allocate(needed))
+            return QV_FAIL(ZEB_ERROR_OUTOFMEMORY, L"KeyCrypter EncryptData malloc ZEB_ERROR = %08x");
         std::memcpy(buffer.get(), data, dataSize);
         length = dataSize;
-        if (!CryptEncrypt(key, 0, TRUE, 0, buffer.get(), &length, needed)) {
-            error = GetLastError();
-            DWORD result = MapCryptError(error);
-            WSCLOG(1, L"CKeyCrypter EncryptData CryptEncrypt Error = %08x ZEB_ERROR = %08x", error, result);
-            return result;
-        }
+        if (!CryptEncrypt(key, 0, TRUE, 0, buffer.get(), &length, needed))
+            return QV_CRYPT_FAILED(L"CKeyCrypter EncryptData CryptEncrypt Error = %08x ZEB_ERROR = %08x");
     }
     *outSize = length;
     *outEncrypted = buffer.release();

@@ -7,6 +7,8 @@
 #include <windows.h>
 #include <wincrypt.h>
 
+#include "common/Holders.h"
+
 class KeyCrypter {
 public:
     // How the provider handle was obtained.
@@ -16,6 +18,10 @@ public:
         kUserKeySet = 2,       // per-thread container in the user key set
         kMachineKeySet = 3,    // per-thread container in the machine key set
     };
+
+    // What Initialize is given for the key exchange's container: the 3DES
+    // algorithm (26115), which makes a container good for RSA encryption.
+    static constexpr ALG_ID kKeyExchangeAlgorithm = CALG_3DES;
 
     KeyCrypter();
     virtual ~KeyCrypter();
@@ -47,12 +53,12 @@ public:
     static AcquireContextFn SetAcquireContextForTest(AcquireContextFn fn);
 
     // For tests and diagnostics.
-    HCRYPTPROV Provider() const { return m_hProv; }
+    HCRYPTPROV Provider() const { return m_hProv.get(); }
     DWORD State() const { return m_dwProviderState; }
     const wchar_t* ContainerName() const { return m_tszKeyContainerName; }
 
 private:
-    HCRYPTPROV m_hProv;
+    qv::UniqueCryptProv m_hProv;
     ALG_ID m_algId;
     wchar_t m_tszKeyContainerName[50];
     DWORD m_dwProviderState;

@@ -22,10 +22,7 @@ CDevice::~CDevice() {
 DWORD CDevice::Open(DWORD flags) {
     WSCLOG(4, L"CDevice::Open IN");
     m_pClient.reset(new (std::nothrow) WSDrvCommClient(m_wstrAddress));
-    if (!m_pClient) {
-        WSCLOG(1, L"CDevice::Open new WSDrvCommClient ZEB_ERROR = %08x", ZEB_ERROR_OUTOFMEMORY);
-        return ZEB_ERROR_OUTOFMEMORY;
-    }
+    if (!m_pClient) return QV_FAIL(ZEB_ERROR_OUTOFMEMORY, L"CDevice::Open new WSDrvCommClient ZEB_ERROR = %08x");
     DWORD result = m_pClient->Open(flags);
     if (ZEB_FAILED(result)) {
         // The client has logged the failure; a session without a client
@@ -50,15 +47,9 @@ DWORD CDevice::Close() {
 
 DWORD CDevice::GetPolicy(DWORD* count, AuthInfo** list, DWORD* flag) {
     WSCLOG(4, L"CDevice::GetPolicy IN");
-    if (!count || !list) {
-        WSCLOG(1, L"CDevice::GetPolicy PARAMETER ZEB_ERROR = %08x", ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
-    if (!m_pClient) {
-        WSCLOG(1, L"CDevice::GetPolicy ZEB_ERROR_GENERAL_INVALID_INSTANCE ZEB_ERROR = %08x",
-               ZEB_ERROR_GENERAL_INVALID_INSTANCE);
-        return ZEB_ERROR_GENERAL_INVALID_INSTANCE;
-    }
+    if (!count || !list) return QV_FAIL(ZEB_ERROR_INVALID_PARAMETER, L"CDevice::GetPolicy PARAMETER ZEB_ERROR = %08x");
+    if (!m_pClient)
+        return QV_FAIL(ZEB_ERROR_GENERAL_INVALID_INSTANCE, L"CDevice::GetPolicy ZEB_ERROR_GENERAL_INVALID_INSTANCE ZEB_ERROR = %08x");
     DWORD result = m_pClient->GetPolicy(count, list, flag);
     WSCLOG(4, L"CDevice::GetPolicy OUT");
     return result;
@@ -67,15 +58,9 @@ DWORD CDevice::GetPolicy(DWORD* count, AuthInfo** list, DWORD* flag) {
 DWORD CDevice::Authentication(DWORD flags, const AuthInfo* authInfo, AuthCredential* credential, BYTE** output,
                               DWORD* outputSize) {
     WSCLOG(4, L"CDevice::Authentication IN");
-    if (!authInfo) {
-        WSCLOG(1, L"CDevice::Authentication PARAMETER ZEB_ERROR = %08x", ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
-    if (!m_pClient) {
-        WSCLOG(1, L"CDevice::Authentication ZEB_ERROR_GENERAL_INVALID_INSTANCE ZEB_ERROR = %08x",
-               ZEB_ERROR_GENERAL_INVALID_INSTANCE);
-        return ZEB_ERROR_GENERAL_INVALID_INSTANCE;
-    }
+    if (!authInfo) return QV_FAIL(ZEB_ERROR_INVALID_PARAMETER, L"CDevice::Authentication PARAMETER ZEB_ERROR = %08x");
+    if (!m_pClient)
+        return QV_FAIL(ZEB_ERROR_GENERAL_INVALID_INSTANCE, L"CDevice::Authentication ZEB_ERROR_GENERAL_INVALID_INSTANCE ZEB_ERROR = %08x");
     DWORD result = m_pClient->Authentication(flags, authInfo, credential, output, outputSize);
     WSCLOG(4, L"CDevice::Authentication OUT");
     return result;
@@ -90,32 +75,20 @@ DWORD CDevice::GetPublicKey(std::wstring* algorithm, std::wstring* strength, std
         WSCLOG(1, L"CDevice::GetPublicKey PARAMETER ZEB_ERROR = %08x", ZEB_ERROR_INVALID_PARAMETER);
         return ZEB_ERROR_GENERAL_INVALID_INSTANCE;
     }
-    if (!m_pClient) {
-        WSCLOG(1, L"CDevice::GetPublicKey ZEB_ERROR_GENERAL_INVALID_INSTANCE ZEB_ERROR = %08x",
-               ZEB_ERROR_GENERAL_INVALID_INSTANCE);
-        return ZEB_ERROR_GENERAL_INVALID_INSTANCE;
-    }
+    if (!m_pClient)
+        return QV_FAIL(ZEB_ERROR_GENERAL_INVALID_INSTANCE, L"CDevice::GetPublicKey ZEB_ERROR_GENERAL_INVALID_INSTANCE ZEB_ERROR = %08x");
     DWORD result = m_pClient->GetPublicKey(algorithm, strength, length, publicKey);
     WSCLOG(4, L"CDevice::GetPublicKey OUT");
     return result;
 }
 
-DWORD CDevice::GetACT(const std::wstring& subject, DWORD actFlags, const std::wstring& hmacAlgorithm,
-                      const std::wstring& hmacKeyStrength, const std::wstring& hmacKey,
-                      const std::wstring& publicKeyAlgorithm, const std::wstring& publicKeyStrength,
-                      const std::wstring& publicKey, std::wstring* act, std::wstring* signature) {
+DWORD CDevice::GetACT(const std::wstring& subject, DWORD actFlags, const ActKeyFields& key, std::wstring* act,
+                      std::wstring* signature) {
     WSCLOG(4, L"CDevice::GetACT IN");
-    if (!act || !signature) {
-        WSCLOG(1, L"CDevice::GetACT PARAMETER ZEB_ERROR = %08x", ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
-    if (!m_pClient) {
-        WSCLOG(1, L"CDevice::GetACT ZEB_ERROR_GENERAL_INVALID_INSTANCE ZEB_ERROR = %08x",
-               ZEB_ERROR_GENERAL_INVALID_INSTANCE);
-        return ZEB_ERROR_GENERAL_INVALID_INSTANCE;
-    }
-    DWORD result = m_pClient->GetACT(subject, actFlags, hmacAlgorithm, hmacKeyStrength, hmacKey, publicKeyAlgorithm,
-                                     publicKeyStrength, publicKey, act, signature);
+    if (!act || !signature) return QV_FAIL(ZEB_ERROR_INVALID_PARAMETER, L"CDevice::GetACT PARAMETER ZEB_ERROR = %08x");
+    if (!m_pClient)
+        return QV_FAIL(ZEB_ERROR_GENERAL_INVALID_INSTANCE, L"CDevice::GetACT ZEB_ERROR_GENERAL_INVALID_INSTANCE ZEB_ERROR = %08x");
+    DWORD result = m_pClient->GetACT(subject, actFlags, key, act, signature);
     WSCLOG(4, L"CDevice::GetACT OUT");
     return result;
 }

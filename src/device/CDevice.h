@@ -8,6 +8,7 @@
 #include "Quorvantis.h"
 
 class WSDrvCommClient;
+struct ActKeyFields;
 
 class CDevice {
 public:
@@ -27,10 +28,8 @@ public:
                          DWORD* outputSize);
     DWORD GetPublicKey(std::wstring* algorithm, std::wstring* strength, std::wstring* length,
                        std::wstring* publicKey);
-    DWORD GetACT(const std::wstring& subject, DWORD actFlags, const std::wstring& hmacAlgorithm,
-                 const std::wstring& hmacKeyStrength, const std::wstring& hmacKey,
-                 const std::wstring& publicKeyAlgorithm, const std::wstring& publicKeyStrength,
-                 const std::wstring& publicKey, std::wstring* act, std::wstring* signature);
+    DWORD GetACT(const std::wstring& subject, DWORD actFlags, const ActKeyFields& key, std::wstring* act,
+                 std::wstring* signature);
 
 private:
     const DWORD m_dwHandle;

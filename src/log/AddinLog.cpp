@@ -9,7 +9,8 @@
 #include <cwchar>
 
 #include "common/HeapBuffer.h"
-#include "common/UniqueHandle.h"
+#include "common/LastErrorKeeper.h"
+#include "common/Holders.h"
 
 namespace AddinLog {
 namespace {
@@ -35,6 +36,7 @@ constexpr const wchar_t* kLogFolders[] = {L"Local Settings", L"Application Data"
 // How each kind is tagged and where it may go: the event-log mask bit that
 // lets it into the event log, the lowest ATTR_LOG_LEVEL_DEBUGSTR that lets
 // it into the debug output (0: never), and its event type.
+// NOLINTNEXTLINE(clang-analyzer-optin.performance.Padding): six rows; the fields follow the table's columns.
 struct KindRow {
     DWORD kind;
     const wchar_t* tag;
@@ -62,34 +64,6 @@ const KindRow* FindKind(DWORD kind) {
     return nullptr;
 }
 
-struct KeyTraits {
-    using Type = HKEY;
-    static Type Invalid() { return nullptr; }
-    static void Close(Type key) { RegCloseKey(key); }
-};
-using UniqueKey = qv::UniqueHandle<KeyTraits>;
-
-struct FileTraits {
-    using Type = HANDLE;
-    static Type Invalid() { return INVALID_HANDLE_VALUE; }
-    static void Close(Type handle) { CloseHandle(handle); }
-};
-using UniqueFile = qv::UniqueHandle<FileTraits>;
-
-struct TokenTraits {
-    using Type = HANDLE;
-    static Type Invalid() { return nullptr; }
-    static void Close(Type handle) { CloseHandle(handle); }
-};
-using UniqueToken = qv::UniqueHandle<TokenTraits>;
-
-struct EventSourceTraits {
-    using Type = HANDLE;
-    static Type Invalid() { return nullptr; }
-    static void Close(Type handle) { DeregisterEventSource(handle); }
-};
-using UniqueEventSource = qv::UniqueHandle<EventSourceTraits>;
-
 SRWLOCK g_settingsLock = SRWLOCK_INIT;
 bool g_settingsRead = false;
 Settings g_settings;
@@ -107,8 +81,8 @@ DWORD ReadDword(HKEY key, const wchar_t* name, DWORD fallback) {
 
 Settings ReadSettings() {
     Settings settings;
-    UniqueKey key;
-    if (RegOpenKeyExW(HKEY_CURRENT_USER, kKeyPath, 0, KEY_READ, key.addressof()) != ERROR_SUCCESS) return settings;
+    qv::UniqueKey key;
+    if (RegOpenKeyExW(HKEY_CURRENT_USER, kKeyPath, 0, KEY_READ, key.put()) != ERROR_SUCCESS) return settings;
     settings.levelDebugStr = ReadDword(key.get(), L"ATTR_LOG_LEVEL_DEBUGSTR", settings.levelDebugStr);
     if (settings.levelDebugStr != 0) {
         settings.useFile = ReadDword(key.get(), L"ATTR_LOG_USEFILE", settings.useFile);
@@ -156,7 +130,7 @@ wchar_t* BuildLine(const KindRow& row, const wchar_t* functionName, const wchar_
         return nullptr;
     }
     // Pieces that do not fit are cut; the line is still written.
-    StringCchCopyW(line, chars, kLinePrefix);
+    (void)StringCchCopyW(line, chars, kLinePrefix);
     StringCchCatW(line, chars, row.tag);
     if (row.blankInsteadOfName) {
         StringCchCatW(line, chars, L" ");
@@ -173,9 +147,9 @@ wchar_t* BuildLine(const KindRow& row, const wchar_t* functionName, const wchar_
 // The SID of the thread's user or, without a thread token, the process's,
 // inside `storage`; null when neither can be had.
 PSID UserSid(qv::ByteBuffer& storage) {
-    UniqueToken token;
-    if (!OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, token.addressof()) &&
-        !OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, token.addressof()))
+    qv::UniqueKernelHandle token;
+    if (!OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, token.put()) &&
+        !OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, token.put()))
         return nullptr;
     DWORD needed = 0;
     GetTokenInformation(token.get(), TokenUser, nullptr, 0, &needed);
@@ -188,7 +162,7 @@ void ReportToEventLog(WORD eventType, const wchar_t* line) {
     qv::ByteBuffer sidStorage;
     PSID sid = UserSid(sidStorage);
     if (g_eventSink) g_eventSink(eventType, kEventId, sid != nullptr, line);
-    UniqueEventSource source(RegisterEventSourceW(nullptr, kEventSource));
+    qv::UniqueEventSource source(RegisterEventSourceW(nullptr, kEventSource));
     if (!source) return;
     const wchar_t* strings[] = {line};
     ReportEventW(source.get(), eventType, 0, kEventId, sid, 1, 0, strings, nullptr);
@@ -202,8 +176,8 @@ void SendToDebugger(const wchar_t* line) {
 // "<profile>\Local Settings\Application Data\Orvel\ZEB\V401\DA", created as
 // needed; false when the profile folder cannot be found.
 bool LogFolder(wchar_t* folder, DWORD folderChars) {
-    UniqueToken token;
-    if (!OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, token.addressof())) return false;
+    qv::UniqueKernelHandle token;
+    if (!OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, token.put())) return false;
     DWORD size = folderChars;
     if (!GetUserProfileDirectoryW(token.get(), folder, &size)) return false;
     for (const wchar_t* name : kLogFolders) {
@@ -225,13 +199,13 @@ HANDLE OpenLogFile(const wchar_t* folder, DWORD index, DWORD disposition) {
 // ring, moving on to the next file (started empty) once this one is past
 // the size limit. The index lives in the registry for every process.
 void WriteToFile(const Settings& settings, const wchar_t* line) {
-    UniqueKey key;
-    if (RegOpenKeyExW(HKEY_CURRENT_USER, kKeyPath, 0, KEY_ALL_ACCESS, key.addressof()) != ERROR_SUCCESS) return;
+    qv::UniqueKey key;
+    if (RegOpenKeyExW(HKEY_CURRENT_USER, kKeyPath, 0, KEY_ALL_ACCESS, key.put()) != ERROR_SUCCESS) return;
     DWORD index = ReadDword(key.get(), L"ATTR_LOG_USEFILE_PARAM1", 0) % settings.fileMaxCount;
 
     wchar_t folder[MAX_PATH] = {};
     if (!LogFolder(folder, MAX_PATH)) return;
-    UniqueFile file(OpenLogFile(folder, index, OPEN_ALWAYS));
+    qv::UniqueFile file(OpenLogFile(folder, index, OPEN_ALWAYS));
     if (!file) return;
     LARGE_INTEGER size = {};
     SetFilePointerEx(file.get(), size, nullptr, FILE_END);
@@ -263,19 +237,17 @@ void WriteToFile(const Settings& settings, const wchar_t* line) {
 }  // namespace
 
 const Settings& CurrentSettings() {
-    AcquireSRWLockExclusive(&g_settingsLock);
+    qv::SrwExclusive hold(g_settingsLock);
     if (!g_settingsRead) {
         g_settings = ReadSettings();
         g_settingsRead = true;
     }
-    ReleaseSRWLockExclusive(&g_settingsLock);
     return g_settings;
 }
 
 void ResetSettingsForTest() {
-    AcquireSRWLockExclusive(&g_settingsLock);
+    qv::SrwExclusive hold(g_settingsLock);
     g_settingsRead = false;
-    ReleaseSRWLockExclusive(&g_settingsLock);
 }
 
 void SetEventSinkForTest(EventSink sink) { g_eventSink = sink; }
@@ -284,16 +256,16 @@ void SetDebugSinkForTest(DebugSink sink) { g_debugSink = sink; }
 }  // namespace AddinLog
 
 AddinLogScope::AddinLogScope(const wchar_t* functionName, const wchar_t* format, ...)
-    : m_functionName(nullptr), m_active(true) {
+    : m_active(true) {
+    qv::LastErrorKeeper keepLastError;
     try {
         const AddinLog::Settings& settings = AddinLog::CurrentSettings();
         if (settings.levelDebugStr == 0 && settings.levelEvent == 0) return;
-        m_functionName = static_cast<wchar_t*>(std::calloc(AddinLog::kNameChars, sizeof(wchar_t)));
-        if (!m_functionName) {
+        if (!m_functionName.allocate(AddinLog::kNameChars * sizeof(wchar_t))) {
             OutputDebugStringW(AddinLog::kLoggingError);
             return;
         }
-        if (functionName) StringCchCopyW(m_functionName, AddinLog::kNameChars, functionName);
+        if (functionName) (void)StringCchCopyW(m_functionName.get(), AddinLog::kNameChars, functionName);  // cut if long
         if (settings.levelDebugStr == 0) return;
         va_list args;
         va_start(args, format);
@@ -304,11 +276,11 @@ AddinLogScope::AddinLogScope(const wchar_t* functionName, const wchar_t* format,
 }
 
 AddinLogScope::~AddinLogScope() {
+    qv::LastErrorKeeper keepLastError;
     try {
         if (m_active) Write(AddinLog::kEnd, L"");
     } catch (...) {
     }
-    std::free(m_functionName);
 }
 
 void AddinLogScope::Write(DWORD kind, const wchar_t* format, ...) {
@@ -319,6 +291,7 @@ void AddinLogScope::Write(DWORD kind, const wchar_t* format, ...) {
 }
 
 void AddinLogScope::WriteApiFailure(const wchar_t* apiName) {
+    qv::LastErrorKeeper keepLastError;
     DWORD error = GetLastError();
     wchar_t* text = nullptr;
     DWORD length = FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM |
@@ -331,6 +304,7 @@ void AddinLogScope::WriteApiFailure(const wchar_t* apiName) {
 
 void AddinLogScope::WriteV(DWORD kind, const wchar_t* format, va_list args) {
     using namespace AddinLog;
+    qv::LastErrorKeeper keepLastError;
     if (kind == kEnd) m_active = false;
     const KindRow* row = FindKind(kind);
     if (!row || !format) return;
@@ -342,7 +316,7 @@ void AddinLogScope::WriteV(DWORD kind, const wchar_t* format, va_list args) {
 
     qv::WideBuffer message(FormatMessageText(format, args), 0);
     if (!message) return;
-    qv::WideBuffer line(BuildLine(*row, m_functionName, message.get()), 0);
+    qv::WideBuffer line(BuildLine(*row, m_functionName.get(), message.get()), 0);
     if (!line) return;
     if (toEvent) ReportToEventLog(row->eventType, line.get());
     if (toDebug) {

@@ -9,6 +9,8 @@
 
 #include <cstdarg>
 
+#include "common/HeapBuffer.h"
+
 namespace AddinLog {
 
 enum Kind : DWORD {
@@ -61,6 +63,6 @@ public:
 
 private:
     void WriteV(DWORD kind, const wchar_t* format, va_list args);
-    wchar_t* m_functionName;  // 1,024 characters, only when an output is on
+    qv::WideBuffer m_functionName;  // 1,024 characters, only when an output is on
     bool m_active;
 };

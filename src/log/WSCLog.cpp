@@ -6,7 +6,8 @@
 #include <cstring>
 #include <cwchar>
 
-#include "common/UniqueHandle.h"
+#include "common/HeapBuffer.h"
+#include "common/Holders.h"
 #include "log/StringConv.h"
 
 std::atomic<DWORD> WSCLog::s_threshold{0};
@@ -39,24 +40,15 @@ void SendToDebugger(const char* line) {
     OutputDebugStringA(line);
 }
 
-struct FileTraits {
-    using Type = HANDLE;
-    static Type Invalid() { return INVALID_HANDLE_VALUE; }
-    static void Close(Type h) { CloseHandle(h); }
-};
-using UniqueFile = qv::UniqueHandle<FileTraits>;
-
 std::wstring CurrentFile() {
-    AcquireSRWLockShared(&g_fileLock);
-    std::wstring file = g_file;
-    ReleaseSRWLockShared(&g_fileLock);
-    return file;
+    qv::SrwShared hold(g_fileLock);
+    return g_file;
 }
 
 // Appends (or, for a path starting with two backslashes such as a device or
 // pipe, writes from the start) one line to the log file; failures drop it.
 void WriteToFile(const std::wstring& path, const void* bytes, DWORD size) {
-    UniqueFile file(CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    qv::UniqueFile file(CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
     if (!file) return;
     if (path.compare(0, 2, L"\\\\") != 0) SetFilePointer(file.get(), 0, nullptr, FILE_END);
     DWORD written = 0;
@@ -107,8 +99,9 @@ std::basic_string<Char> BuildLine(const WSCLog::Record& record, const Char* form
     std::basic_string<Char> line;
     // One zeroed scratch buffer of 8,193 characters: a piece cut at 8,192
     // characters still ends in a zero.
-    Char* scratch = static_cast<Char*>(std::calloc(kPieceChars + 1, sizeof(Char)));
-    if (!scratch) return line;
+    qv::HeapBuffer<Char> buffer;
+    if (!buffer.allocate((kPieceChars + 1) * sizeof(Char))) return line;
+    Char* scratch = buffer.get();
 
     SYSTEMTIME now = {};
     Now(&now);
@@ -121,25 +114,42 @@ std::basic_string<Char> BuildLine(const WSCLog::Record& record, const Char* form
     std::memset(scratch, 0, (kPieceChars + 1) * sizeof(Char));
     P::FormatV(scratch, format, args);
     line += scratch;
-    std::free(scratch);
     return line;
 }
 
 }  // namespace
 
 WSCLog::Record::Record(const char* sourcePath, DWORD lineNo, DWORD lvl)
-    : line(lineNo), level(lvl), threadId(GetCurrentThreadId()) {
-    narrowFile = sourcePath ? sourcePath : "";
+    : narrowFile(sourcePath ? sourcePath : ""), line(lineNo), level(lvl), threadId(GetCurrentThreadId()) {
     size_t slash = narrowFile.rfind('\\');
     if (slash != std::string::npos && slash + 1 < narrowFile.size()) narrowFile.erase(0, slash + 1);
     wideFile = qv::Utf8ToWide(narrowFile.data(), narrowFile.size());
 }
 
 void WSCLog::Configure(DWORD threshold, const std::wstring& file) {
-    AcquireSRWLockExclusive(&g_fileLock);
-    g_file = file;
-    ReleaseSRWLockExclusive(&g_fileLock);
+    {
+        qv::SrwExclusive hold(g_fileLock);
+        g_file = file;
+    }
     s_threshold.store(threshold, std::memory_order_relaxed);
+}
+
+DWORD WSCLog::Failure(const char* sourcePath, DWORD line, DWORD level, DWORD error, DWORD (*map)(DWORD),
+                      const wchar_t* format) {
+    const DWORD code = map(error);
+    if (Enabled(level)) {
+        qv::LastErrorKeeper keepLastError;
+        Print(Record(sourcePath, line, level), format, error, code);
+    }
+    return code;
+}
+
+DWORD WSCLog::Fail(const char* sourcePath, DWORD line, DWORD code, const wchar_t* format) {
+    if (Enabled(1)) {
+        qv::LastErrorKeeper keepLastError;
+        Print(Record(sourcePath, line, 1), format, code);
+    }
+    return code;
 }
 
 void WSCLog::SetClockForTest(Clock clock) { g_clock = clock; }
@@ -151,6 +161,7 @@ void WSCLog::SetDebugSinksForTest(WideSink wide, NarrowSink narrow) {
 
 void WSCLog::Print(const Record& record, const wchar_t* format, ...) {
     if (record.level > Threshold() || !format) return;
+    qv::LastErrorKeeper keepLastError;
     try {
         va_list args;
         va_start(args, format);
@@ -161,10 +172,11 @@ void WSCLog::Print(const Record& record, const wchar_t* format, ...) {
         std::wstring file = CurrentFile();
         if (file.empty()) return;
         DWORD size = 0;
-        char* ansi = ConvertWideToMulti(line.c_str(), CP_ACP, &size);
+        qv::CharBuffer ansi;
+        char* converted = ConvertWideToMulti(line.c_str(), CP_ACP, &size);
+        ansi.reset(converted, size);
         if (!ansi) return;
-        WriteToFile(file, ansi, size);
-        std::free(ansi);
+        WriteToFile(file, ansi.get(), size);
     } catch (...) {
         OutputDebugStringW(L"WSCLog::Print Exception");
     }
@@ -172,6 +184,7 @@ void WSCLog::Print(const Record& record, const wchar_t* format, ...) {
 
 void WSCLog::Print(const Record& record, const char* format, ...) {
     if (record.level > Threshold() || !format) return;
+    qv::LastErrorKeeper keepLastError;
     try {
         va_list args;
         va_start(args, format);

@@ -15,15 +15,35 @@ constexpr const wchar_t* kClassName = L"GetACTRequest";
 constexpr const wchar_t* kACTXPath = L"soap:Body/zeb:GetACTResponse/zeb:ACTEntry/zeb:ACTBinary";
 constexpr const wchar_t* kSignatureXPath = L"soap:Body/zeb:GetACTResponse/zeb:ACTEntry/zeb:ACTSignature";
 
-// The inline Base64 text of an element, as opposed to an MTOM attachment.
-constexpr DWORD kDataTypeText = 1;
+}  // namespace
 
-// A malloc'd copy of `text` (the client takes it over and frees it).
-wchar_t* DuplicateText(const std::wstring& text) {
-    wchar_t* copy = static_cast<wchar_t*>(std::calloc(text.size() + 1, sizeof(wchar_t)));
-    if (copy && !text.empty()) std::wmemcpy(copy, text.data(), text.size());
-    return copy;
-}
+// Where each token is read and the lines its reading writes.
+struct GetACTTokenLines {
+    const wchar_t* xpath;
+    const wchar_t* value;
+    const wchar_t* outOfMemory;
+    const wchar_t* noBoundary;
+    const wchar_t* size;
+    const wchar_t* type;
+};
+
+namespace {
+constexpr GetACTTokenLines kActLines = {
+    kACTXPath,
+    L"GetACTRequest::Deserialize GetXMLDataValue. actstr = %s",
+    L"GetACTRequest::Deserialize ERROR ACTBinary Data = %08x",
+    L"GetACTRequest::Deserialize ACTBinary No MIMEBoundary Type",
+    L"GetACTRequest::Deserialize ACTBinary Info Data Size = %d",
+    L"GetACTRequest::Deserialize ACTBinary Info Data Type = %d",
+};
+constexpr GetACTTokenLines kSignatureLines = {
+    kSignatureXPath,
+    L"GetACTRequest::Deserialize GetXMLDataValue. signaturestr = %s",
+    L"GetACTRequest::Deserialize ERROR ACTSignature Data = %08x",
+    L"GetACTRequest::Deserialize Signature No MIMEBoundary Type",
+    L"GetACTRequest::Deserialize Signature Info Data Size = %d",
+    L"GetACTRequest::Deserialize Signature Info Data Type = %d",
+};
 }  // namespace
 
 GetACTRequest::GetACTRequest(const std::wstring& securityHeader, const std::wstring& fpName,
@@ -37,30 +57,7 @@ GetACTRequest::GetACTRequest(const std::wstring& securityHeader, const std::wstr
       m_wstrPublicKeyAlgorithm(publicKeyAlgorithm),
       m_wstrPublicKeyStrength(publicKeyStrength),
       m_wstrCipherData(cipherData),
-      m_acvValues(std::move(acvValues)),
-      m_pACT(nullptr),
-      m_dwACTDataType(0),
-      m_dwACTDataSize(0),
-      m_pSignature(nullptr),
-      m_dwSignatureDataType(0),
-      m_dwSignatureDataSize(0) {}
-
-GetACTRequest::~GetACTRequest() {
-    std::free(m_pACT);
-    std::free(m_pSignature);
-}
-
-wchar_t* GetACTRequest::DetachACT() {
-    wchar_t* text = m_pACT;
-    m_pACT = nullptr;
-    return text;
-}
-
-wchar_t* GetACTRequest::DetachSignature() {
-    wchar_t* text = m_pSignature;
-    m_pSignature = nullptr;
-    return text;
-}
+      m_acvValues(std::move(acvValues)) {}
 
 DWORD GetACTRequest::Serialize(SoapRequest* request) {
     return SerializeEnvelope(kClassName, request, BodyText::Plain, [this](Envelope& envelope) {
@@ -123,39 +120,30 @@ DWORD GetACTRequest::Deserialize(SoapResponse* response, const wchar_t* mimeBoun
     // inline text. A missing element gives an empty text; the client decides
     // what an empty token means.
     return DeserializeAnswer(kClassName, response, mimeBoundary, L"ERROR", [&]() -> DWORD {
-        std::wstring actText;
-        ReadValue(kClassName, response, Read::DataValue, kACTXPath, actText, nullptr);
-        WSCLOG(5, L"GetACTRequest::Deserialize GetXMLDataValue. actstr = %s", actText.c_str());
-        wchar_t* act = DuplicateText(actText);
-        if (!act) {
-            WSCLOG(1, L"GetACTRequest::Deserialize ERROR ACTBinary Data = %08x", ZEB_ERROR_OUTOFMEMORY);
-            return ZEB_ERROR_OUTOFMEMORY;
-        }
-        std::free(m_pACT);
-        m_pACT = act;
-        m_dwACTDataSize = static_cast<DWORD>(actText.size());
-        m_dwACTDataType = kDataTypeText;
-        WSCLOG(5, L"GetACTRequest::Deserialize ACTBinary No MIMEBoundary Type");
-        WSCLOG(5, L"GetACTRequest::Deserialize ACTBinary Info Data Size = %d", static_cast<int>(m_dwACTDataSize));
-        WSCLOG(5, L"GetACTRequest::Deserialize ACTBinary Info Data Type = %d", static_cast<int>(m_dwACTDataType));
-
-        std::wstring signatureText;
-        ReadValue(kClassName, response, Read::DataValue, kSignatureXPath, signatureText, nullptr);
-        WSCLOG(5, L"GetACTRequest::Deserialize GetXMLDataValue. signaturestr = %s", signatureText.c_str());
-        wchar_t* signature = DuplicateText(signatureText);
-        if (!signature) {
-            WSCLOG(1, L"GetACTRequest::Deserialize ERROR ACTSignature Data = %08x", ZEB_ERROR_OUTOFMEMORY);
-            return ZEB_ERROR_OUTOFMEMORY;
-        }
-        std::free(m_pSignature);
-        m_pSignature = signature;
-        m_dwSignatureDataSize = static_cast<DWORD>(signatureText.size());
-        m_dwSignatureDataType = kDataTypeText;
-        WSCLOG(5, L"GetACTRequest::Deserialize Signature No MIMEBoundary Type");
-        WSCLOG(5, L"GetACTRequest::Deserialize Signature Info Data Size = %d",
-               static_cast<int>(m_dwSignatureDataSize));
-        WSCLOG(5, L"GetACTRequest::Deserialize Signature Info Data Type = %d",
-               static_cast<int>(m_dwSignatureDataType));
-        return 0;
+        const DWORD result = ReadToken(response, kActLines, &m_act);
+        if (result != 0) return result;
+        return ReadToken(response, kSignatureLines, &m_signature);
     });
+}
+
+// A missing element gives an empty text; the client decides what an empty
+// token means.
+DWORD GetACTRequest::ReadToken(SoapResponse* response, const GetACTTokenLines& lines, Token* token) {
+    std::wstring text;
+    ReadValue(kClassName, response, Read::DataValue, lines.xpath, text, nullptr);
+    WSCLOG(5, lines.value, text.c_str());
+    // The client takes the copy over, terminator included.
+    qv::WideBuffer copy;
+    if (!copy.allocate((text.size() + 1) * sizeof(wchar_t))) {
+        WSCLOG(1, lines.outOfMemory, ZEB_ERROR_OUTOFMEMORY);
+        return ZEB_ERROR_OUTOFMEMORY;
+    }
+    std::wmemcpy(copy.get(), text.c_str(), text.size() + 1);
+    token->text = std::move(copy);
+    token->size = static_cast<DWORD>(text.size());
+    token->type = kDataText;
+    WSCLOG(5, lines.noBoundary);
+    WSCLOG(5, lines.size, static_cast<int>(token->size));
+    WSCLOG(5, lines.type, static_cast<int>(token->type));
+    return 0;
 }

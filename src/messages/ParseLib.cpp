@@ -63,10 +63,8 @@ namespace ParseLib {
 
 DWORD SoapErrorCheck(SoapResponse* response) {
     WSCLOG(4, L"ParseLib SoapErrorCheck IN");
-    if (!response) {
-        WSCLOG(1, L"ParseLib SoapErrorCheck ERROR ERROR_INVALID_PARAMETER = %08x", ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
+    if (!response)
+        return QV_FAIL(ZEB_ERROR_INVALID_PARAMETER, L"ParseLib SoapErrorCheck ERROR ERROR_INVALID_PARAMETER = %08x");
     try {
         return Check(response);
     } catch (const std::bad_alloc&) {

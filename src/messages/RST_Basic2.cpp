@@ -21,10 +21,8 @@ RST_Basic2::RST_Basic2(const std::wstring& info, const std::wstring& authType, c
 DWORD RST_Basic2::Serialize(SoapRequest* request) {
     // The body and the escaped password are wiped after use.
     return SerializeEnvelope(kClassName, request, BodyText::Secret, [this](Envelope& envelope) -> DWORD {
-        if (!m_pCredential || !m_pCredential->UserID || !m_pCredential->Password || !m_pCredential->Domain) {
-            WSCLOG(1, L"RST_Basic2::Serialize PARAMETER ZEB_ERROR = %08x", ZEB_ERROR_INVALID_PARAMETER);
-            return ZEB_ERROR_INVALID_PARAMETER;
-        }
+        if (!m_pCredential || !m_pCredential->UserID || !m_pCredential->Password || !m_pCredential->Domain)
+            return QV_FAIL(ZEB_ERROR_INVALID_PARAMETER, L"RST_Basic2::Serialize PARAMETER ZEB_ERROR = %08x");
         // The password as given and escaped: both copies are wiped on every
         // way out (a plain const wchar_t* argument would make an unwiped
         // temporary).
@@ -38,7 +36,7 @@ DWORD RST_Basic2::Serialize(SoapRequest* request) {
         std::wstring& body = envelope.body;
         BeginIssueRequest(body, SoapRequest::SanitizeUserInputStr(m_wstrInfo), m_wstrAuthType);
         given = m_pCredential->Password;
-        password = SoapRequest::SanitizeUserInputStr(given);
+        password = SoapRequest::SanitizeUserInputStr(given, true);
         const std::wstring userId = SoapRequest::SanitizeUserInputStr(m_pCredential->UserID);
         const std::wstring domain = SoapRequest::SanitizeUserInputStr(m_pCredential->Domain);
         body.reserve(body.size() + userId.size() + password.size() + domain.size() + kCredentialsMarkupChars);

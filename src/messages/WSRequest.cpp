@@ -6,6 +6,7 @@
 
 #include "Quorvantis.h"
 #include "common/HeapBuffer.h"
+#include "log/TraceRedaction.h"
 #include "log/WSCLog.h"
 #include "messages/ParseLib.h"
 #include "soap/Namespaces.h"
@@ -78,8 +79,10 @@ DWORD WSRequest::SerializeEnvelope(const wchar_t* className, SoapRequest* reques
             wipe();
             return result;
         }
-        WSCLOG(5, L"%s::Serialize Soap Header =%s", className, envelope.header.c_str());
-        WSCLOG(5, L"%s::Serialize Soap Body =%s", className, envelope.body.c_str());
+        WSCLOG(5, L"%s::Serialize Soap Header =%s", className,
+               TraceRedaction::Show(envelope.header, TraceRedaction::Text::Request).c_str());
+        WSCLOG(5, L"%s::Serialize Soap Body =%s", className,
+               TraceRedaction::Show(envelope.body, TraceRedaction::Text::Request).c_str());
         request->SetSoapHeader(envelope.header);
         request->SetSoapBody(envelope.body);
         request->SetAction(envelope.action);
@@ -189,7 +192,7 @@ DWORD WSRequest::CheckAnswer(const wchar_t* className, SoapResponse* response, c
         return ZEB_ERROR_INVALID_PARAMETER;
     }
     const DWORD result = ParseLib::SoapErrorCheck(response);
-    if (result & ZEB_FAILURE_MASK) {
+    if (ZEB_FAILED(result)) {
         WSCLOG(1, L"%s::Deserialize ERROR SoapErrorCheck = %08x", className, result);
         return result;
     }
@@ -211,7 +214,7 @@ DWORD WSRequest::DeserializeAnswer(const wchar_t* className, SoapResponse* respo
 }
 
 DWORD WSRequest::ReadValue(const wchar_t* className, SoapResponse* response, Read read, const wchar_t* xpath,
-                           std::wstring& value, const wchar_t* name, const wchar_t* logAs) {
+                           std::wstring& value, const wchar_t* name, const wchar_t* logAs, bool secret) {
     if (!logAs) logAs = read == Read::DataValue ? L"GetXMLDataValue" : L"GetXMLString";
     value.clear();
     WSCLOG(5, L"%s::Deserialize %s. XPath = %s", className, logAs, xpath);
@@ -221,7 +224,8 @@ DWORD WSRequest::ReadValue(const wchar_t* className, SoapResponse* response, Rea
         value.clear();
         WSCLOG(5, L"%s::Deserialize %s failes. ERROR = 0x%08x", className, logAs, result);
     } else if (name) {
-        WSCLOG(5, L"%s::Deserialize %s. %s = %s", className, logAs, name, value.c_str());
+        WSCLOG(5, L"%s::Deserialize %s. %s = %s", className, logAs, name,
+               TraceRedaction::Show(value, secret ? TraceRedaction::Text::Secret : TraceRedaction::Text::Plain).c_str());
     }
     return result;
 }
@@ -231,7 +235,7 @@ void WSRequest::ReadAssertion(const wchar_t* className, SoapResponse* response, 
     assertionId.clear();
     samlToken.clear();
     ReadValue(className, response, Read::DataValue, kAssertionIdXPath, assertionId, L"m_assertionID");
-    ReadValue(className, response, Read::XmlString, kAssertionXPath, samlToken, L"m_samlToken");
+    ReadValue(className, response, Read::XmlString, kAssertionXPath, samlToken, L"m_samlToken", nullptr, true);
 }
 
 void WSRequest::ReadChallenge(const wchar_t* className, SoapResponse* response, std::wstring& challenge,

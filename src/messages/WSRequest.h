@@ -98,9 +98,11 @@ protected:
     // Reads the value at xpath into value, which is left empty when it is
     // missing, and logs the XPath, then the failure or "<name> = <value>".
     // logAs names the call in the log lines (null: the one made); with a null
-    // name the caller logs the value itself. Returns the read's result.
+    // name the caller logs the value itself. A secret value is logged as
+    // TraceRedactSecrets says. Returns the read's result.
     static DWORD ReadValue(const wchar_t* className, SoapResponse* response, Read read, const wchar_t* xpath,
-                           std::wstring& value, const wchar_t* name, const wchar_t* logAs = nullptr);
+                           std::wstring& value, const wchar_t* name, const wchar_t* logAs = nullptr,
+                           bool secret = false);
     // The issued SAML assertion: its ID and its markup (both emptied first).
     static void ReadAssertion(const wchar_t* className, SoapResponse* response, std::wstring& assertionId,
                               std::wstring& samlToken);

@@ -146,7 +146,7 @@ DWORD SoapMessage::SetXMLData(const wchar_t* xml, const wchar_t* selectionNamesp
             qv::UniqueBstr reason;
             qv::ComPtr<IXMLDOMParseError> parseError;
             if (SUCCEEDED(document->get_parseError(parseError.put())) && parseError)
-                parseError->get_reason(reason.addressof());
+                parseError->get_reason(reason.put());
             WSCLOG(1, L"XML load error. %s\n", reason ? reason.get() : L"");
             WSCLOG(1, L"loadXML failed.");
             ret = kDomFailure;
@@ -316,7 +316,7 @@ DWORD SoapMessage::GetXMLStringFromNode(IXMLDOMNode* node, std::wstring& markup)
     DWORD ret = CheckReady(node != nullptr);
     if (ret == kOk) {
         qv::UniqueBstr xml;
-        if (FAILED(node->get_xml(xml.addressof()))) {
+        if (FAILED(node->get_xml(xml.put()))) {
             WSCLOG(1, L"get_xml failed.");
             ret = kDomFailure;
         } else {

@@ -2,6 +2,7 @@
 
 #include "common/ComString.h"
 #include "common/HeapBuffer.h"
+#include "log/TraceRedaction.h"
 #include "log/WSCLog.h"
 #include "soap/Namespaces.h"
 #include "soap/UserInputEscape.h"
@@ -52,7 +53,7 @@ std::wstring FindFaultPrefix(SoapMessage* response, const std::wstring& uri) {
         if (FAILED(text.Clear())) WSCLOG(2, L"VariantClear(val) is failed. not cancel.");
         if (!matches) continue;
         qv::UniqueBstr baseName;
-        if (FAILED(attribute->get_baseName(baseName.addressof()))) {
+        if (FAILED(attribute->get_baseName(baseName.put()))) {
             WSCLOG(1, L"pNode->get_baseName failed.\n");
             return prefix;
         }
@@ -137,23 +138,24 @@ std::wstring SoapRequest::GetSoapEnvelope(std::wstring& envelope, BOOL sslMode, 
         text += mtomId;
         text += L"--\r\n";
     }
-    WSCLOG(5, L"RequestMessage=%s", text.c_str());
+    WSCLOG(5, L"RequestMessage=%s", TraceRedaction::Show(text, TraceRedaction::Text::Request).c_str());
     envelope = text;
     WSCLOG(4, L"SoapRequest::GetSoapEnvelope OUT");
     return text;
 }
 
-std::wstring SoapRequest::SanitizeUserInputStr(const std::wstring& text) {
+std::wstring SoapRequest::SanitizeUserInputStr(const std::wstring& text, bool secret) {
     WSCLOG(4, L"SoapRequest::SanitizeUserInputStr IN");
-    WSCLOG(5, L"SoapRequest::SanitizeUserInputStr. Before Sanitizing = %s", text.c_str());
+    const TraceRedaction::Text shown = secret ? TraceRedaction::Text::Secret : TraceRedaction::Text::Plain;
+    WSCLOG(5, L"SoapRequest::SanitizeUserInputStr. Before Sanitizing = %s", TraceRedaction::Show(text, shown).c_str());
     // The text may be a password: the escaping sizes its result exactly
     // first, and the result is returned without a copy, so no partial or
     // second copy is left behind.
     size_t blanked = 0;
     std::wstring result = qv::EscapeUserInput(text, &blanked);
     // One line per control character replaced, as the escaping always logged.
-    for (size_t i = 0; i < blanked; ++i) WSCLOG(5, L"wcSrcStr =%s", text.c_str());
-    WSCLOG(5, L"SoapRequest::SanitizeUserInputStr. After Sanitizing = %s", result.c_str());
+    for (size_t i = 0; i < blanked; ++i) WSCLOG(5, L"wcSrcStr =%s", TraceRedaction::Show(text, shown).c_str());
+    WSCLOG(5, L"SoapRequest::SanitizeUserInputStr. After Sanitizing = %s", TraceRedaction::Show(result, shown).c_str());
     WSCLOG(4, L"SoapRequest::SanitizeUserInputStr OUT");
     return result;
 }

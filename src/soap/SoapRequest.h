@@ -30,8 +30,9 @@ public:
     std::wstring GetSoapEnvelope(std::wstring& envelope, BOOL sslMode, const std::wstring& mtomId);
 
     // Escapes user input for XML: " & ' < > become entities; control
-    // characters and 0x7F become a blank.
-    static std::wstring SanitizeUserInputStr(const std::wstring& text);
+    // characters and 0x7F become a blank. A secret (a password) is logged
+    // as TraceRedactSecrets says.
+    static std::wstring SanitizeUserInputStr(const std::wstring& text, bool secret = false);
     // The prefix the fault's soap:Value declares for the login-service /
     // device-service namespace; empty when it declares none.
     static std::wstring GetWlsSoapFaultPrefix(SoapMessage* response);

@@ -8,6 +8,7 @@
 
 #include "common/ComString.h"
 #include "config/AddinSettings.h"
+#include "log/TraceRedaction.h"
 #include "log/WSCLog.h"
 #include "soap/Namespaces.h"
 
@@ -23,18 +24,14 @@ constexpr int kAuthInfoChars = 64;
 
 }  // namespace
 
-SoapResponse::SoapResponse() : m_pMTOMData(nullptr), m_dwMTOMDataSize(0) {
+SoapResponse::SoapResponse() {
     WSCLOG(4, L"SoapResponse::SoapResponse IN");
     WSCLOG(4, L"SoapResponse::SoapResponse OUT");
 }
 
 SoapResponse::~SoapResponse() {
     WSCLOG(4, L"SoapResponse::~SoapResponse IN");
-    if (m_pMTOMData) {
-        std::free(m_pMTOMData);
-        m_pMTOMData = nullptr;
-        m_dwMTOMDataSize = 0;
-    }
+    m_pMTOMData.reset();
     WSCLOG(4, L"SoapResponse::~SoapResponse OUT");
 }
 
@@ -73,24 +70,20 @@ std::wstring BuildSelectionNamespaces(const AddinSettings& settings) {
 
 std::wstring SoapResponse::SelectionNamespaces() {
     std::shared_ptr<const AddinSettings> settings = AddinSettings::Current();
-    AcquireSRWLockShared(&g_bindingsLock);
-    if (g_bindingsSettings == settings) {
-        std::wstring text = g_bindings;
-        ReleaseSRWLockShared(&g_bindingsLock);
-        return text;
+    {
+        qv::SrwShared hold(g_bindingsLock);
+        if (g_bindingsSettings == settings) return g_bindings;
     }
-    ReleaseSRWLockShared(&g_bindingsLock);
     std::wstring text = BuildSelectionNamespaces(*settings);
-    AcquireSRWLockExclusive(&g_bindingsLock);
+    qv::SrwExclusive hold(g_bindingsLock);
     g_bindingsSettings = settings;
     g_bindings = text;
-    ReleaseSRWLockExclusive(&g_bindingsLock);
     return text;
 }
 
 void SoapResponse::SetSoapEnvelope(const std::wstring& text) {
     WSCLOG(4, L"SoapResponse::SetSoapEnvelope IN");
-    WSCLOG(5, L"ResponseMessage=%s", text.c_str());
+    WSCLOG(5, L"ResponseMessage=%s", TraceRedaction::Show(text, TraceRedaction::Text::Response).c_str());
     // A text that does not parse leaves no document; later queries say so.
     SetXMLData(text.c_str(), SelectionNamespaces().c_str());
     WSCLOG(4, L"SoapResponse::SetSoapEnvelope OUT");
@@ -98,10 +91,7 @@ void SoapResponse::SetSoapEnvelope(const std::wstring& text) {
 
 void SoapResponse::SetMTOMData(BYTE* data, DWORD size) {
     WSCLOG(4, L"SoapResponse::SetMTOMData IN");
-    // The transport sets the body once per exchange; a buffer set before
-    // stays with whoever set it.
-    m_pMTOMData = data;
-    m_dwMTOMDataSize = data ? size : 0;
+    m_pMTOMData.reset(data, data ? size : 0);
     WSCLOG(4, L"SoapResponse::SetMTOMData OUT");
 }
 
@@ -157,7 +147,7 @@ DWORD SoapResponse::GetAuthInfoList(std::vector<AuthInfo>* list) {
                     return;
                 }
                 qv::UniqueBstr name;
-                if (FAILED(claim->get_baseName(name.addressof()))) {
+                if (FAILED(claim->get_baseName(name.put()))) {
                     WSCLOG(1, L"paClaimNode->get_baseName failed.\n");
                     ret = kDomFailure;
                     return;

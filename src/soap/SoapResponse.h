@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "Quorvantis.h"
+#include "common/HeapBuffer.h"
 #include "soap/SoapMessage.h"
 
 class SoapResponse : public SoapMessage {
@@ -17,10 +18,10 @@ public:
     // Loads the text; a text that does not parse leaves no document (later
     // queries answer kNoDocument).
     void SetSoapEnvelope(const std::wstring& text);
-    // Takes ownership of a malloc'd buffer (a buffer set before is not freed).
+    // Takes ownership of a malloc'd buffer (and frees one set before).
     void SetMTOMData(BYTE* data, DWORD size);
-    const BYTE* GetMTOMData() const { return m_pMTOMData; }
-    DWORD GetMTOMDataSize() const { return m_dwMTOMDataSize; }
+    const BYTE* GetMTOMData() const { return m_pMTOMData.get(); }
+    DWORD GetMTOMDataSize() const { return static_cast<DWORD>(m_pMTOMData.bytes()); }
 
     // The wls:AuthInfo entries of a GetPolicy answer, in document order.
     DWORD GetAuthInfoList(std::vector<AuthInfo>* list);
@@ -29,6 +30,5 @@ public:
     static std::wstring SelectionNamespaces();
 
 private:
-    BYTE* m_pMTOMData;
-    DWORD m_dwMTOMDataSize;
+    qv::ByteBuffer m_pMTOMData;
 };

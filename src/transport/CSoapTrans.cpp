@@ -13,8 +13,6 @@
 
 namespace {
 
-bool IsFailure(DWORD code) { return (code & 0xD5000000) != 0; }
-
 // 0 and 1 are success; a server error is passed on like success so that the
 // fault it carries can be read.
 bool CarriesResponse(DWORD code) { return code == 0 || code == 1 || code == ZEB_ERROR_HTTP_SERVER_ERROR; }
@@ -38,14 +36,11 @@ CSoapTrans::~CSoapTrans() {
 DWORD CSoapTrans::Open(BOOL sslMode) {
     WSCLOG(4, L"CSoapTrans::Open IN");
     m_pWinHttp.reset(new (std::nothrow) CWinHttp(m_wstrHostName, m_usPort, m_usSecurePort));
-    if (!m_pWinHttp) {
-        WSCLOG(1, L"CSoapTrans::Open new CWinHttp ZEB_ERROR = %08x", ZEB_ERROR_OUTOFMEMORY);
-        return ZEB_ERROR_OUTOFMEMORY;
-    }
+    if (!m_pWinHttp) return QV_FAIL(ZEB_ERROR_OUTOFMEMORY, L"CSoapTrans::Open new CWinHttp ZEB_ERROR = %08x");
     m_bSSLMode = sslMode;
     m_pWinHttp->SetSSLMode(sslMode);
     DWORD code = m_pWinHttp->Open();
-    if (IsFailure(code)) {
+    if (ZEB_FAILED(code)) {
         m_pWinHttp->Close();
         m_pWinHttp.reset();
     }
@@ -64,11 +59,8 @@ void CSoapTrans::Close() {
 
 DWORD CSoapTrans::SetUrl(const std::wstring& servicePath) {
     WSCLOG(4, L"CSoapTrans::SetUrl IN");
-    if (!m_pWinHttp) {
-        WSCLOG(1, L"CSoapTrans::SetUrl ZEB_ERROR_GENERAL_INVALID_INSTANCE ZEB_ERROR = %08x",
-               ZEB_ERROR_GENERAL_INVALID_INSTANCE);
-        return ZEB_ERROR_GENERAL_INVALID_INSTANCE;
-    }
+    if (!m_pWinHttp)
+        return QV_FAIL(ZEB_ERROR_GENERAL_INVALID_INSTANCE, L"CSoapTrans::SetUrl ZEB_ERROR_GENERAL_INVALID_INSTANCE ZEB_ERROR = %08x");
     m_pWinHttp->SetObjectPath(servicePath);
     m_wstrServicePath = servicePath;
     WSCLOG(4, L"CSoapTrans::SetUrl OUT");
@@ -77,15 +69,10 @@ DWORD CSoapTrans::SetUrl(const std::wstring& servicePath) {
 
 DWORD CSoapTrans::Request(SoapRequest* request, SoapResponse* response, const std::wstring& mtomId) {
     WSCLOG(4, L"CSoapTrans::Request IN");
-    if (!request || !response) {
-        WSCLOG(1, L"CSoapTrans::Request PARAMETER ZEB_ERROR = %08x", ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
-    if (!m_pWinHttp) {
-        WSCLOG(1, L"CSoapTrans::Request ZEB_ERROR_GENERAL_INVALID_INSTANCE ZEB_ERROR = %08x",
-               ZEB_ERROR_GENERAL_INVALID_INSTANCE);
-        return ZEB_ERROR_GENERAL_INVALID_INSTANCE;
-    }
+    if (!request || !response)
+        return QV_FAIL(ZEB_ERROR_INVALID_PARAMETER, L"CSoapTrans::Request PARAMETER ZEB_ERROR = %08x");
+    if (!m_pWinHttp)
+        return QV_FAIL(ZEB_ERROR_GENERAL_INVALID_INSTANCE, L"CSoapTrans::Request ZEB_ERROR_GENERAL_INVALID_INSTANCE ZEB_ERROR = %08x");
     // The envelope of a login carries the password or an answer made from it:
     // both copies are wiped on every way out.
     std::wstring envelope;
@@ -99,20 +86,8 @@ DWORD CSoapTrans::Request(SoapRequest* request, SoapResponse* response, const st
     std::wstring responseContent;
     BYTE* responseBytes = nullptr;
     DWORD responseByteCount = 0;
-    DWORD code = 0;
-    // Only a time-out is retried, at most RetryCount times, without a pause.
-    DWORD attempts = 0;
-    for (;;) {
-        code = m_pWinHttp->SendRequest(action, envelope, &responseContent, &responseBytes, &responseByteCount,
-                                       mtomId);
-        ++attempts;
-        if (code == ZEB_ERROR_WINHTTP_REDIRECT)
-            code = RedirectedRequest(request, action, envelope, &responseContent, &responseBytes,
-                                     &responseByteCount, mtomId);
-        if (code != ZEB_ERROR_WINHTTP_TIMEOUT) break;
-        WSCLOG(2, L"ZEB_ERROR_WINHTTP_TIMEOUT");
-        if (attempts > m_dwRetryCount) break;
-    }
+    const DWORD code = SendRetryingTimeouts(Loop::Session, request, action, envelope, &responseContent,
+                                            &responseBytes, &responseByteCount, mtomId);
 
     if (CarriesResponse(code)) {
         response->SetSoapEnvelope(responseContent);
@@ -126,24 +101,43 @@ DWORD CSoapTrans::Request(SoapRequest* request, SoapResponse* response, const st
     return code;
 }
 
+// Only a time-out is retried, at most RetryCount times, without a pause. The
+// session's own loop also follows a redirect and logs each time-out; the
+// loop after a redirect does neither, so the recursion through
+// RedirectedRequest is two calls deep at most.
+// NOLINTNEXTLINE(misc-no-recursion): bounded, see above.
+DWORD CSoapTrans::SendRetryingTimeouts(Loop loop, SoapRequest* request, const std::wstring& action,
+                                       const std::wstring& envelope, std::wstring* responseContent,
+                                       BYTE** responsByteData, DWORD* responsByteDataSize,
+                                       const std::wstring& mtomId) {
+    DWORD code = 0;
+    for (DWORD attempts = 1;; ++attempts) {
+        code = m_pWinHttp->SendRequest(action, envelope, responseContent, responsByteData, responsByteDataSize,
+                                       mtomId);
+        if (loop == Loop::Session && code == ZEB_ERROR_WINHTTP_REDIRECT)
+            code = RedirectedRequest(request, action, envelope, responseContent, responsByteData,
+                                     responsByteDataSize, mtomId);
+        if (code != ZEB_ERROR_WINHTTP_TIMEOUT) break;
+        if (loop == Loop::Session) WSCLOG(2, L"ZEB_ERROR_WINHTTP_TIMEOUT");
+        if (attempts > m_dwRetryCount) break;
+    }
+    return code;
+}
+
+// NOLINTNEXTLINE(misc-no-recursion): calls only the loop that follows no redirect.
 DWORD CSoapTrans::RedirectedRequest(SoapRequest* request, const std::wstring& action, const std::wstring& envelope,
                                     std::wstring* responseContent, BYTE** responsByteData,
                                     DWORD* responsByteDataSize, const std::wstring& mtomId) {
     WSCLOG(4, L"CSoapTrans::RedirectedRequest IN");
-    if (!request || !responseContent || !responsByteData || !responsByteDataSize) {
-        WSCLOG(1, L"CSoapTrans::RedirectedRequest PARAMETER ZEB_ERROR = %08x", ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
-    if (!m_pWinHttp) {
-        WSCLOG(1, L"CSoapTrans::RedirectedRequest ZEB_ERROR_GENERAL_INVALID_INSTANCE ZEB_ERROR = %08x",
-               ZEB_ERROR_GENERAL_INVALID_INSTANCE);
-        return ZEB_ERROR_GENERAL_INVALID_INSTANCE;
-    }
+    if (!request || !responseContent || !responsByteData || !responsByteDataSize)
+        return QV_FAIL(ZEB_ERROR_INVALID_PARAMETER, L"CSoapTrans::RedirectedRequest PARAMETER ZEB_ERROR = %08x");
+    if (!m_pWinHttp)
+        return QV_FAIL(ZEB_ERROR_GENERAL_INVALID_INSTANCE, L"CSoapTrans::RedirectedRequest ZEB_ERROR_GENERAL_INVALID_INSTANCE ZEB_ERROR = %08x");
     // The redirect check set the channel's SSL mode: reopening connects to
     // the secure port.
     m_pWinHttp->Close();
     DWORD code = m_pWinHttp->Open();
-    if (IsFailure(code)) return code;
+    if (ZEB_FAILED(code)) return code;
     if (!m_pWinHttp->GetSSLMode()) return code;
 
     m_bSSLMode = TRUE;
@@ -155,14 +149,8 @@ DWORD CSoapTrans::RedirectedRequest(SoapRequest* request, const std::wstring& ac
     }
     (void)envelope;  // replaced: its addressing names the plain URL
 
-    DWORD attempts = 0;
-    for (;;) {
-        code = m_pWinHttp->SendRequest(action, secureEnvelope, responseContent, responsByteData,
-                                       responsByteDataSize, mtomId);
-        ++attempts;
-        if (code != ZEB_ERROR_WINHTTP_TIMEOUT) break;
-        if (attempts > m_dwRetryCount) break;
-    }
+    code = SendRetryingTimeouts(Loop::AfterRedirect, request, action, secureEnvelope, responseContent,
+                                responsByteData, responsByteDataSize, mtomId);
     WSCLOG(4, L"CSoapTrans::RedirectedRequest OUT");
     return code;
 }

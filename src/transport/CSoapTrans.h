@@ -31,6 +31,10 @@ public:
     CWinHttp* GetChannel() const { return m_pWinHttp.get(); }
 
 private:
+    enum class Loop { Session, AfterRedirect };
+    DWORD SendRetryingTimeouts(Loop loop, SoapRequest* request, const std::wstring& action,
+                               const std::wstring& envelope, std::wstring* responseContent, BYTE** responsByteData,
+                               DWORD* responsByteDataSize, const std::wstring& mtomId);
     DWORD RedirectedRequest(SoapRequest* request, const std::wstring& action, const std::wstring& envelope,
                             std::wstring* responseContent, BYTE** responsByteData, DWORD* responsByteDataSize,
                             const std::wstring& mtomId);

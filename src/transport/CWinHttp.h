@@ -11,14 +11,8 @@
 #include <vector>
 
 #include "common/HeapBuffer.h"
-#include "common/UniqueHandle.h"
-
-struct WinHttpHandleTraits {
-    using Type = HINTERNET;
-    static Type Invalid() { return nullptr; }
-    static void Close(Type h) { WinHttpCloseHandle(h); }
-};
-using UniqueInternet = qv::UniqueHandle<WinHttpHandleTraits>;
+#include "common/Holders.h"
+#include "transport/WinHttpApi.h"
 
 class CWinHttp {
 public:
@@ -49,6 +43,9 @@ public:
     bool StrictServerCertificate() const { return m_dwStrictServerCertificate != 0; }
     // The named-proxy list given to WinHttpOpen by the last Open ("" = direct).
     const std::wstring& ProxyList() const { return m_wstrProxyList; }
+    // The TLS versions offered: 1.0 to 1.3, or 1.2 and 1.3 only under strict
+    // server trust.
+    static DWORD SecureProtocols(bool strictServerCertificate);
     // "http=<proxy>;https=<proxy>", or "" for no proxy.
     static std::wstring BuildProxyList(const std::wstring& webProxy);
     // The one Content-Type request header line of a plain or MTOM exchange.
@@ -57,8 +54,16 @@ public:
     static bool IsAcceptedContentType(const std::wstring& contentType);
 
 private:
+    void OfferSecureProtocols();
     DWORD _SendRequest(const std::wstring& action, const std::wstring& envelope, std::wstring* responseContent,
                        BYTE** responsByteData, DWORD* responsByteDataSize, const std::wstring& mtomId);
+    DWORD OpenRequestHandle();
+    DWORD SetServerTrust();
+    DWORD SetRequestFeatures();
+    DWORD AddContentTypeHeader(const std::wstring& action, const std::wstring& mtomId);
+    DWORD SendEnvelope(const std::wstring& envelope);
+    DWORD CheckStatus();
+    DWORD CheckContentType();
     DWORD Request(HINTERNET hRequest, const BYTE* pBuffer, DWORD dwNumberOfBytesToWrite);
     DWORD InitRedirect();
     DWORD QueryHeaderText(DWORD infoLevel, const wchar_t* queryFailure, const wchar_t* mallocFailure,
@@ -69,9 +74,9 @@ private:
     static bool AppendText(std::wstring* text, const wchar_t* piece);
 
     // Declared so that destruction closes request, then connection, then session.
-    UniqueInternet m_hSession;
-    UniqueInternet m_hConnect;
-    UniqueInternet m_hRequest;
+    qv::UniqueInternet m_hSession;
+    qv::UniqueInternet m_hConnect;
+    qv::UniqueInternet m_hRequest;
     std::wstring m_wstrObjectPath;
     std::wstring m_wstrHostName;
     USHORT m_usPort;

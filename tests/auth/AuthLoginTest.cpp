@@ -54,13 +54,12 @@ protected:
         AuthInfo authInfo = {};
         wcsncpy(authInfo.Info, info, 63);
         wcsncpy(authInfo.AuthType, type, 63);
-        IAuthentication* auth = CreateAuthentication(type);
+        std::unique_ptr<IAuthentication> auth = CreateAuthentication(type);
         if (!auth) return 0xFFFFFFFF;
         result = auth->Authentication(&transport, flags, &authInfo, credential, kStsPath,
                                       static_cast<USHORT>(server.HttpPort()), static_cast<USHORT>(server.HttpsPort()),
                                       L"127.0.0.1", &out->assertionId, &out->samlToken, &out->digest,
                                       &out->digestSize);
-        delete auth;
         transport.Close();
         return result;
     }

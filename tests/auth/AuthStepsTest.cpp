@@ -6,6 +6,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -99,19 +100,17 @@ TEST(AuthFactory, MakesEachMechanismByItsExactName) {
         {L"Basic2", [](IAuthentication* a) { return dynamic_cast<Auth_Basic2*>(a) != nullptr; }},
     };
     for (const Row& row : rows) {
-        IAuthentication* auth = CreateAuthentication(row.name);
+        std::unique_ptr<IAuthentication> auth = CreateAuthentication(row.name);
         ASSERT_NE(auth, nullptr) << row.name;
-        EXPECT_TRUE(row.is(auth)) << row.name;
-        delete auth;
+        EXPECT_TRUE(row.is(auth.get())) << row.name;
     }
 }
 
 TEST(AuthFactory, SdlIsNotSdl2) {
-    IAuthentication* auth = CreateAuthentication(L"SDL");
+    std::unique_ptr<IAuthentication> auth = CreateAuthentication(L"SDL");
     ASSERT_NE(auth, nullptr);
-    EXPECT_EQ(dynamic_cast<Auth_SDL2*>(auth), nullptr);
-    EXPECT_NE(dynamic_cast<Auth_SDL*>(auth), nullptr);
-    delete auth;
+    EXPECT_EQ(dynamic_cast<Auth_SDL2*>(auth.get()), nullptr);
+    EXPECT_NE(dynamic_cast<Auth_SDL*>(auth.get()), nullptr);
 }
 
 TEST(AuthFactory, OtherNamesMakeNothing) {
@@ -192,7 +191,7 @@ TEST(AuthBasic, AuthenticationChecksEveryArgumentBeforeSending) {
     BYTE* digest = nullptr;
     DWORD digestSize = 0;
     for (int mechanism = 0; mechanism < 2; ++mechanism) {
-        IAuthentication* auth = CreateAuthentication(mechanism == 0 ? L"Basic" : L"Basic2");
+        std::unique_ptr<IAuthentication> auth = CreateAuthentication(mechanism == 0 ? L"Basic" : L"Basic2");
         ASSERT_NE(auth, nullptr);
         // The digest outputs are never written by Basic, but must be given.
         EXPECT_EQ(auth->Authentication(&transport, 0, &info, &credential, L"/wls/STSServer.actv", 8000, 8443,
@@ -213,7 +212,6 @@ TEST(AuthBasic, AuthenticationChecksEveryArgumentBeforeSending) {
         EXPECT_EQ(auth->Authentication(&transport, 0, &info, &credential, L"/wls/STSServer.actv", 8000, 8443,
                                        L"127.0.0.1", nullptr, &token, &digest, &digestSize),
                   0xD5000057u);
-        delete auth;
     }
     EXPECT_EQ(id, L"keep-id");
     EXPECT_EQ(token, L"keep-token");

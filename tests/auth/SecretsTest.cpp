@@ -20,6 +20,7 @@
 
 #include "auth/Auth_NTLM.h"
 #include "auth/AuthTestAccess.h"
+#include "auth/SdlSteps.h"
 #include "common/HeapBuffer.h"
 #include "common/SecretString.h"
 #include "messages/RST_Basic2.h"
@@ -184,3 +185,18 @@ TEST(Secrets, Basic2EnvelopeLeavesNoCopyOfThePassword) {
 }
 
 }  // namespace
+
+// The holder of a converted password knows every byte it holds: a size read
+// before the conversion ran (an argument order the compiler may choose) would
+// leave all of them unwiped when the holder frees the block.
+TEST(Secrets, PasswordBytesAreHeldWithTheirSizeSoAllAreWiped) {
+    wchar_t user[] = L"u", password[] = L"p\u00e4ssword-12", domain[] = L"d";
+    AuthCredential credential = {user, password, domain};
+    for (DWORD flags : {DWORD{0}, DWORD{AUTH_FLAG_DIGEST_PASSWORD}}) {
+        qv::SecretChars bytes;
+        DWORD size = 0;
+        ASSERT_EQ(qv::PasswordFieldBytes(L"Auth_SDL", flags, &credential, bytes, &size), 0u);
+        EXPECT_GE(size, 11u);
+        EXPECT_EQ(bytes.bytes(), static_cast<size_t>(size)) << "flags " << flags;
+    }
+}

@@ -112,14 +112,14 @@ TEST(ActInfoToText, UnknownTypesFailAndLeaveTheOutputs) {
 TEST(WSDrvCommClientGetACT, NullOutputsAreInvalidParameters) {
     WSDrvCommClient client(L"127.0.0.1");
     std::wstring text;
-    EXPECT_EQ(client.GetACT(L"s", 0, L"0", L"0", L"", L"0", L"0", L"", nullptr, &text), ZEB_ERROR_INVALID_PARAMETER);
-    EXPECT_EQ(client.GetACT(L"s", 0, L"0", L"0", L"", L"0", L"0", L"", &text, nullptr), ZEB_ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(client.GetACT(L"s", 0, ActKeyFields(), nullptr, &text), ZEB_ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(client.GetACT(L"s", 0, ActKeyFields(), &text, nullptr), ZEB_ERROR_INVALID_PARAMETER);
 }
 
 TEST(WSDrvCommClientGetACT, WithoutTransportIsAnInvalidInstance) {
     WSDrvCommClient client(L"127.0.0.1");
     std::wstring act, sig;
-    EXPECT_EQ(client.GetACT(L"s", 0, L"0", L"0", L"", L"0", L"0", L"", &act, &sig),
+    EXPECT_EQ(client.GetACT(L"s", 0, ActKeyFields(), &act, &sig),
               ZEB_ERROR_GENERAL_INVALID_INSTANCE);
     std::wstring a, b, c, d;
     EXPECT_EQ(client.GetPublicKey(&a, &b, &c, &d), ZEB_ERROR_GENERAL_INVALID_INSTANCE);
@@ -131,7 +131,7 @@ TEST(WSDrvCommClientGetACT, FlagsWithoutKnownBitsSendNothing) {
     OfflineClient client;
     ASSERT_EQ(client.Open(0), 0u);
     std::wstring act = L"a", sig = L"s";
-    EXPECT_EQ(client.GetACT(L"s", 0x80000000, L"0", L"0", L"", L"0", L"0", L"", &act, &sig),
+    EXPECT_EQ(client.GetACT(L"s", 0x80000000, ActKeyFields(), &act, &sig),
               ZEB_ERROR_GENERAL_INVALID_INSTANCE);
     EXPECT_EQ(act, L"a");
     EXPECT_EQ(sig, L"s");
@@ -142,6 +142,18 @@ TEST(WSDrvCommClientGetACT, AKeyThatIsNoBase64FailsBeforeSending) {
     ASSERT_EQ(client.Open(0), 0u);
     std::wstring act, sig;
     // Both algorithms named: the key must be encrypted, and "" decodes to nothing.
-    EXPECT_EQ(client.GetACT(L"s", 0, L"301", L"1", L"", L"1", L"2048", L"AAAA", &act, &sig), ZEB_ERROR_OUTOFMEMORY);
-    EXPECT_EQ(client.GetACT(L"s", 0, L"301", L"1", L"AAAA", L"1", L"2048", L"", &act, &sig), ZEB_ERROR_OUTOFMEMORY);
+    ActKeyFields noKey;
+    noKey.hmacAlgorithm = L"301";
+    noKey.hmacKeyStrength = L"1";
+    noKey.publicKeyAlgorithm = L"1";
+    noKey.publicKeyStrength = L"2048";
+    noKey.publicKey = L"AAAA";
+    EXPECT_EQ(client.GetACT(L"s", 0, noKey, &act, &sig), ZEB_ERROR_OUTOFMEMORY);
+    ActKeyFields noPublicKey;
+    noPublicKey.hmacAlgorithm = L"301";
+    noPublicKey.hmacKeyStrength = L"1";
+    noPublicKey.hmacKey = L"AAAA";
+    noPublicKey.publicKeyAlgorithm = L"1";
+    noPublicKey.publicKeyStrength = L"2048";
+    EXPECT_EQ(client.GetACT(L"s", 0, noPublicKey, &act, &sig), ZEB_ERROR_OUTOFMEMORY);
 }

@@ -7,6 +7,7 @@
 
 #include "Quorvantis.h"
 #include "config/AddinSettings.h"
+#include "clients/WSDrvCommClient.h"
 #include "device/CDevice.h"
 #include "device/CDeviceList.h"
 #include "log/WSCLog.h"
@@ -111,13 +112,13 @@ TEST_F(CDeviceTest, GetPublicKeyAnswersInvalidInstanceForANullOutput) {
 TEST_F(CDeviceTest, GetActChecksOutputsThenClient) {
     CDevice device(L"a", 1);
     std::wstring act, signature;
-    const std::wstring zero = L"0", empty;
-    EXPECT_EQ(device.GetACT(L"s", 0, zero, zero, empty, zero, zero, empty, nullptr, &signature),
+    const ActKeyFields none;
+    EXPECT_EQ(device.GetACT(L"s", 0, none, nullptr, &signature),
               ZEB_ERROR_INVALID_PARAMETER);
-    EXPECT_EQ(device.GetACT(L"s", 0, zero, zero, empty, zero, zero, empty, &act, nullptr),
+    EXPECT_EQ(device.GetACT(L"s", 0, none, &act, nullptr),
               ZEB_ERROR_INVALID_PARAMETER);
     EXPECT_TRUE(Logged(L"CDevice::GetACT PARAMETER ZEB_ERROR = d5000057"));
-    EXPECT_EQ(device.GetACT(L"s", 0, zero, zero, empty, zero, zero, empty, &act, &signature),
+    EXPECT_EQ(device.GetACT(L"s", 0, none, &act, &signature),
               ZEB_ERROR_GENERAL_INVALID_INSTANCE);
     EXPECT_TRUE(Logged(L"CDevice::GetACT ZEB_ERROR_GENERAL_INVALID_INSTANCE ZEB_ERROR = d5010001"));
     EXPECT_TRUE(Logged(L"CDevice::GetACT IN"));

@@ -411,3 +411,26 @@ TEST_F(AddinLogTest, AnEmptyRingSendsLinesToTheDebugger) {
 }
 
 }  // namespace
+
+// The add-in log writes files, the registry and the event log from inside
+// operations that still have a platform error to report: none of it may
+// change the caller's last error.
+TEST_F(AddinLogTest, LoggingLeavesTheLastErrorAsItWas) {
+    SetValue(L"ATTR_LOG_LEVEL_DEBUGSTR", 2);
+    SetValue(L"ATTR_LOG_USEFILE", 1);
+    SetValue(L"ATTR_LOG_LEVEL_EVENT", 7);
+    SetLastError(ERROR_INSUFFICIENT_BUFFER);
+    {
+        AddinLogScope scope(L"Keeps", L"start %d", 1);
+        EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INSUFFICIENT_BUFFER));
+        scope.Write(AddinLog::kError, L"error");
+        EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INSUFFICIENT_BUFFER));
+        SetLastError(ERROR_FILE_NOT_FOUND);
+        scope.WriteApiFailure(L"CreateFileW");
+        EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
+        SetLastError(12030);
+    }
+    EXPECT_EQ(GetLastError(), 12030u);
+    EXPECT_EQ(g_events.size(), 2u);  // the error and the API failure
+    EXPECT_EQ(ReadLines(LogFile(0)).size(), 4u);
+}

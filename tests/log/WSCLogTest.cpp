@@ -229,3 +229,23 @@ TEST_F(WSCLogTest, ThreadsPrintConcurrentlyWithoutHarm) {
 }
 
 }  // namespace
+
+// A trace line runs between a platform call and the GetLastError() that
+// reports it: whatever the line does (debugger output, opening an existing
+// file, which sets ERROR_ALREADY_EXISTS, a failed open), the caller's last
+// error is the same afterwards.
+TEST_F(WSCLogTest, TracingLeavesTheLastErrorAsItWas) {
+    std::wstring file = m_dir.File(L"trace.log");
+    ASSERT_TRUE(qvtest::WriteFileBytes(file, "earlier"));
+    for (const std::wstring& path : {file, m_dir.File(L"missing-folder\\trace.log"), std::wstring()}) {
+        WSCLog::Configure(5, path);
+        SetLastError(ERROR_INSUFFICIENT_BUFFER);
+        WSCLOG(1, L"wide %d", 1);
+        EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INSUFFICIENT_BUFFER));
+        SetLastError(12002);
+        WSCLOG(4, "narrow %d", 2);
+        EXPECT_EQ(GetLastError(), 12002u);
+    }
+    EXPECT_EQ(g_wideLines.size(), 3u);
+    EXPECT_EQ(g_narrowLines.size(), 3u);
+}

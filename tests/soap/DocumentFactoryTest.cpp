@@ -52,7 +52,7 @@ std::wstring LoadAndReadRootName() {
     qv::ComPtr<IXMLDOMElement> element;
     if (FAILED(document->get_documentElement(element.put())) || !element) return L"(no element)";
     qv::UniqueBstr name;
-    if (FAILED(element->get_nodeName(name.addressof())) || !name) return L"(no name)";
+    if (FAILED(element->get_nodeName(name.put())) || !name) return L"(no name)";
     return name.get();
 }
 
@@ -82,8 +82,8 @@ TEST(DocumentFactoryTest, EachCallMakesADocumentOfItsOwn) {
         a->loadXML(textA.get(), &loaded);
         b->loadXML(textB.get(), &loaded);
         qv::UniqueBstr xmlA, xmlB;
-        a->get_xml(xmlA.addressof());
-        b->get_xml(xmlB.addressof());
+        a->get_xml(xmlA.put());
+        b->get_xml(xmlB.put());
         first = xmlA ? xmlA.get() : L"";
         second = xmlB ? xmlB.get() : L"";
     });

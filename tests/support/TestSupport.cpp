@@ -7,28 +7,51 @@
 
 namespace qvtest {
 
+namespace {
+
+// Removes a folder with everything below it.
+void RemoveTree(const std::wstring& path) {
+    WIN32_FIND_DATAW data;
+    HANDLE find = FindFirstFileW((path + L"\\*").c_str(), &data);
+    if (find != INVALID_HANDLE_VALUE) {
+        do {
+            const std::wstring name = data.cFileName;
+            if (name == L"." || name == L"..") continue;
+            const std::wstring child = path + L"\\" + name;
+            if (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)
+                RemoveTree(child);
+            else
+                DeleteFileW(child.c_str());
+        } while (FindNextFileW(find, &data));
+        FindClose(find);
+    }
+    RemoveDirectoryW(path.c_str());
+}
+
+}  // namespace
+
+// A folder no other test has: Wine hands out small process ids again soon,
+// so a name made of the id and a counter can meet a folder an earlier test
+// process left behind (with its files). Only a folder this call created is
+// taken.
 TempDir::TempDir() {
     wchar_t base[MAX_PATH + 1] = {};
     GetTempPathW(MAX_PATH, base);
     static LONG counter = 0;
-    wchar_t name[MAX_PATH + 64] = {};
-    swprintf(name, MAX_PATH + 64, L"%lsqvtest_%lu_%ld", base, GetCurrentProcessId(), InterlockedIncrement(&counter));
-    CreateDirectoryW(name, nullptr);
-    m_path = name;
+    for (;;) {
+        LARGE_INTEGER now = {};
+        QueryPerformanceCounter(&now);
+        wchar_t name[MAX_PATH + 96] = {};
+        swprintf(name, MAX_PATH + 96, L"%lsqvtest_%lu_%ld_%llx", base, GetCurrentProcessId(),
+                 InterlockedIncrement(&counter), static_cast<unsigned long long>(now.QuadPart));
+        if (CreateDirectoryW(name, nullptr) || GetLastError() != ERROR_ALREADY_EXISTS) {
+            m_path = name;
+            return;
+        }
+    }
 }
 
-TempDir::~TempDir() {
-    WIN32_FIND_DATAW data;
-    HANDLE find = FindFirstFileW((m_path + L"\\*").c_str(), &data);
-    if (find != INVALID_HANDLE_VALUE) {
-        do {
-            std::wstring name = data.cFileName;
-            if (name != L"." && name != L"..") DeleteFileW((m_path + L"\\" + name).c_str());
-        } while (FindNextFileW(find, &data));
-        FindClose(find);
-    }
-    RemoveDirectoryW(m_path.c_str());
-}
+TempDir::~TempDir() { RemoveTree(m_path); }
 
 bool WriteFileBytes(const std::wstring& path, const std::string& content) {
     HANDLE file = CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
