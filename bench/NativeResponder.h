@@ -8,7 +8,7 @@
 // on the same port under a path prefix no service uses.
 #pragma once
 
-#include "CannedResponder.h"
+#include "support/CannedResponder.h"
 
 #include <string>
 #include <vector>

@@ -24,7 +24,7 @@
 #include <vector>
 
 #define QUORVANTIS_NO_PROTOTYPES
-#include "CannedResponder.h"
+#include "support/CannedResponder.h"
 #include "NativeResponder.h"
 #include "Quorvantis.h"
 #include "RawWinHttp.h"

@@ -17,24 +17,20 @@
 
 namespace {
 
-std::string Narrow(const std::wstring& text) { return std::string(text.begin(), text.end()); }
-
 class EntryPoints : public ::testing::Test {
 protected:
     void SetUp() override {
         m_api = m_host.zeb;
         ASSERT_NE(m_api, nullptr);
         m_trace = m_dir.File(L"trace.log");
-        InitializeWith("DebugLevel=5\nDebugFile=" + Narrow(m_trace) + "\n");
+        InitializeWith(qvtest::TraceKeys(m_trace, 5));
     }
     void TearDown() override {
         // Back to defaults, so that nothing writes into the folder being removed.
         if (m_api) m_api->Initialize(m_dir.File(L"absent.ini").c_str());
     }
     void InitializeWith(const std::string& keys) {
-        std::wstring ini = m_dir.File(L"Quorvantis.ini");
-        ASSERT_TRUE(qvtest::WriteFileBytes(ini, "[Quorvantis]\n" + keys));
-        ASSERT_EQ(m_api->Initialize(ini.c_str()), 0u);
+        ASSERT_EQ(qvtest::InitializeWithIni(m_api, m_dir, keys), 0u);
     }
     std::string Trace() const { return qvtest::ReadFileBytes(m_trace); }
     // Each trace entry ends with its message; true when one ends with `text`.
@@ -69,7 +65,7 @@ TEST_F(EntryPoints, InitializeAcceptsAMissingFileAndMayBeCalledAgain) {
     std::string before = Trace();
     m_api->Initialize(nullptr);
     EXPECT_EQ(Trace(), before);
-    InitializeWith("DebugLevel=4\nDebugFile=" + Narrow(m_trace) + "\n");
+    InitializeWith(qvtest::TraceKeys(m_trace, 4));
     EXPECT_TRUE(Traced("Initialize OUT"));
 }
 
@@ -83,7 +79,7 @@ TEST_F(EntryPoints, TraceLinesHaveTheirFormat) {
 
 TEST_F(EntryPoints, TraceThresholdZeroWritesNothing) {
     std::wstring quiet = m_dir.File(L"quiet.log");
-    InitializeWith("DebugLevel=0\nDebugFile=" + Narrow(quiet) + "\n");
+    InitializeWith(qvtest::TraceKeys(quiet, 0));
     m_api->Initialize(nullptr);
     DWORD handle = 0;
     m_api->Open(nullptr, &handle, 0);
@@ -92,7 +88,7 @@ TEST_F(EntryPoints, TraceThresholdZeroWritesNothing) {
 
 TEST_F(EntryPoints, TraceThresholdFourKeepsInOutButNoDetail) {
     std::wstring four = m_dir.File(L"four.log");
-    InitializeWith("DebugLevel=4\nDebugFile=" + Narrow(four) + "\n");
+    InitializeWith(qvtest::TraceKeys(four, 4));
     m_api->GetPolicy(0xFFFFFFF0u, nullptr, nullptr, nullptr);
     std::string log = qvtest::ReadFileBytes(four);
     EXPECT_NE(log.find(" : GetPolicy IN"), std::string::npos);

@@ -30,12 +30,6 @@ const char* kBasicConfig =
 const char* kDrvCommPath = "/zeb/Drv-Comm.actv";
 const char* kPolicyPath = "/wls/WLSPolicyService.actv";
 
-std::string Narrow(const std::wstring& text) {
-    std::string out;
-    for (wchar_t c : text) out += static_cast<char>(c);
-    return out;
-}
-
 Bytes Sha1(const Bytes& data) {
     Bytes digest(20);
     HCRYPTPROV prov = 0;
@@ -99,12 +93,10 @@ protected:
     // Initializes the add-in for `srv` with the trace log in the test's folder.
     void Initialize(qvtest::RefServerInstance& srv, const std::string& extra = "") {
         ASSERT_TRUE(srv.Ok());
-        std::string ini = "[Quorvantis]\r\nPortNo=" + std::to_string(srv.HttpPort()) +
-                          "\r\nSecurePortNo=" + std::to_string(srv.HttpsPort()) +
-                          "\r\nTimeout=10000\r\nDebugLevel=5\r\nDebugFile=" + Narrow(m_dir.File(L"trace.log")) +
-                          "\r\n" + extra;
-        ASSERT_TRUE(qvtest::WriteFileBytes(m_dir.File(L"Quorvantis.ini"), ini));
-        ASSERT_EQ(zeb()->Initialize(m_dir.File(L"Quorvantis.ini").c_str()), 0u);
+        ASSERT_EQ(qvtest::InitializeWithIni(zeb(), m_dir,
+                                            qvtest::ServerKeys(srv) + "Timeout=10000\r\n" +
+                                                qvtest::TraceKeys(m_dir.File(L"trace.log")) + extra),
+                  0u);
     }
 
     const ZEB_INTERFACE* zeb() { return m_host.zeb; }
@@ -112,25 +104,15 @@ protected:
 
     DWORD Open(DWORD* handle, DWORD flags = 0) { return zeb()->Open(L"127.0.0.1", handle, flags); }
 
-    // GetPolicy, keeping a copy of the entries and freeing the list.
     DWORD GetPolicy(DWORD handle, std::vector<AuthInfo>* entries, DWORD* sslFlag) {
-        DWORD count = 0;
-        AuthInfo* list = nullptr;
-        DWORD result = zeb()->GetPolicy(handle, &count, &list, sslFlag);
-        if (list) entries->assign(list, list + count);
-        zeb()->BufferFree(list);
-        return result;
+        return qvtest::CallGetPolicy(zeb(), handle, entries, sslFlag);
     }
 
     DWORD Login(DWORD handle, const AuthInfo& info, const wchar_t* user, const wchar_t* password,
                 const wchar_t* domain = L"LAB") {
-        std::wstring u = user, p = password, d = domain;
-        AuthCredential credential = {&u[0], &p[0], &d[0]};
-        BYTE* output = nullptr;
-        DWORD outputSize = 0;
-        DWORD result = zeb()->Authentication(handle, 0, &info, &credential, &output, &outputSize);
-        EXPECT_EQ(output, nullptr);  // no digest asked for
-        zeb()->BufferFree(output);
+        std::vector<BYTE> output;
+        const DWORD result = qvtest::CallAuthentication(zeb(), handle, 0, info, user, password, domain, &output);
+        EXPECT_TRUE(output.empty());  // no digest asked for
         return result;
     }
 

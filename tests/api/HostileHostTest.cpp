@@ -37,7 +37,7 @@ const char* kDrvCommPath = "/zeb/Drv-Comm.actv";
 
 // ---- Text helpers ----------------------------------------------------------
 
-std::string Narrow(const std::wstring& text) { return std::string(text.begin(), text.end()); }
+using qvtest::Narrow;
 
 bool IsHigh(wchar_t c) { return c >= 0xD800 && c <= 0xDBFF; }
 bool IsLow(wchar_t c) { return c >= 0xDC00 && c <= 0xDFFF; }
@@ -401,11 +401,10 @@ protected:
 
     void Initialize(qvtest::RefServerInstance& srv, int level = 4) {
         ASSERT_TRUE(srv.Ok());
-        std::string ini = "[Quorvantis]\r\nPortNo=" + std::to_string(srv.HttpPort()) +
-                          "\r\nSecurePortNo=" + std::to_string(srv.HttpsPort()) + "\r\nTimeout=15000\r\nDebugLevel=" +
-                          std::to_string(level) + "\r\nDebugFile=" + Narrow(m_dir.File(L"trace.log")) + "\r\n";
-        ASSERT_TRUE(qvtest::WriteFileBytes(m_dir.File(L"Quorvantis.ini"), ini));
-        ASSERT_EQ(m_api->Initialize(m_dir.File(L"Quorvantis.ini").c_str()), 0u);
+        ASSERT_EQ(qvtest::InitializeWithIni(m_api, m_dir,
+                                            qvtest::ServerKeys(srv) + "Timeout=15000\r\n" +
+                                                qvtest::TraceKeys(m_dir.File(L"trace.log"), level)),
+                  0u);
     }
 
     std::string Trace() const { return qvtest::ReadFileBytes(m_dir.File(L"trace.log")); }

@@ -34,12 +34,6 @@ const int kTimeoutMs = 10000;
 // Short enough that a stalled answer costs about a second per attempt.
 const int kShortTimeoutMs = 1000;
 
-std::string Narrow(const std::wstring& text) {
-    std::string out;
-    for (wchar_t c : text) out += static_cast<char>(c);
-    return out;
-}
-
 std::string ToBase64(const std::string& bytes) {
     static const char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
     std::string out;
@@ -89,12 +83,11 @@ protected:
     void Start(int debugLevel = 5, int timeoutMs = kTimeoutMs) {
         m_srv.reset(new qvtest::RefServerInstance(kConfig));
         ASSERT_TRUE(m_srv->Ok());
-        std::string ini = "[Quorvantis]\r\nPortNo=" + std::to_string(m_srv->HttpPort()) +
-                          "\r\nSecurePortNo=" + std::to_string(m_srv->HttpsPort()) +
-                          "\r\nTimeout=" + std::to_string(timeoutMs) + "\r\nRetryCount=1\r\nDebugLevel=" + std::to_string(debugLevel) +
-                          "\r\nDebugFile=" + Narrow(m_dir.File(L"trace.log")) + "\r\n";
-        ASSERT_TRUE(qvtest::WriteFileBytes(m_dir.File(L"Quorvantis.ini"), ini));
-        ASSERT_EQ(zeb()->Initialize(m_dir.File(L"Quorvantis.ini").c_str()), 0u);
+        ASSERT_EQ(qvtest::InitializeWithIni(zeb(), m_dir,
+                                            qvtest::ServerKeys(*m_srv) + "Timeout=" + std::to_string(timeoutMs) +
+                                                "\r\nRetryCount=1\r\n" +
+                                                qvtest::TraceKeys(m_dir.File(L"trace.log"), debugLevel)),
+                  0u);
         ASSERT_EQ(zeb()->Open(L"127.0.0.1", &m_handle, 0), 0u);
     }
 
@@ -115,26 +108,12 @@ protected:
     bool LoggedFailure(const std::string& line, DWORD code) { return Logged(line + " ZEB_ERROR = " + Hex8(code)); }
 
     DWORD GetPolicy(std::vector<AuthInfo>* entries, DWORD* sslFlag = nullptr) {
-        DWORD count = 77, ssl = 0;
-        AuthInfo* list = nullptr;
-        DWORD result = zeb()->GetPolicy(m_handle, &count, &list, &ssl);
-        entries->clear();
-        if (list) entries->assign(list, list + count);
-        else EXPECT_EQ(count, 0u);
-        zeb()->BufferFree(list);
-        if (sslFlag) *sslFlag = ssl;
-        return result;
+        return qvtest::CallGetPolicy(zeb(), m_handle, entries, sslFlag);
     }
 
     DWORD Login(const AuthInfo& info, const wchar_t* user = L"alice", const wchar_t* password = L"pw",
                 DWORD flags = 0) {
-        std::wstring u = user, p = password, d = L"LAB";
-        AuthCredential credential = {&u[0], &p[0], &d[0]};
-        BYTE* output = nullptr;
-        DWORD outputSize = 0;
-        DWORD result = zeb()->Authentication(m_handle, flags, &info, &credential, &output, &outputSize);
-        zeb()->BufferFree(output);
-        return result;
+        return qvtest::CallAuthentication(zeb(), m_handle, flags, info, user, password, L"LAB");
     }
 
     static AuthInfo Mechanism(const wchar_t* type) {

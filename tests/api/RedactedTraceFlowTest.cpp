@@ -126,14 +126,11 @@ protected:
         EXPECT_NE(zeb, nullptr);
         if (!zeb || !server.Ok()) return std::string();
         qvtest::TempDir dir;
-        std::string trace;
-        for (wchar_t c : dir.File(L"trace.log")) trace += static_cast<char>(c);
-        std::string ini = "[Quorvantis]\r\nPortNo=" + std::to_string(server.HttpPort()) +
-                          "\r\nSecurePortNo=" + std::to_string(server.HttpsPort()) +
-                          "\r\nTimeout=10000\r\nDebugLevel=5\r\nDebugFile=" + trace +
-                          "\r\nTraceRedactSecrets=" + (redact ? "1" : "0") + "\r\n";
-        EXPECT_TRUE(qvtest::WriteFileBytes(dir.File(L"Quorvantis.ini"), ini));
-        EXPECT_EQ(zeb->Initialize(dir.File(L"Quorvantis.ini").c_str()), 0u);
+        EXPECT_EQ(qvtest::InitializeWithIni(zeb, dir,
+                                            qvtest::ServerKeys(server) + "Timeout=10000\r\n" +
+                                                qvtest::TraceKeys(dir.File(L"trace.log")) +
+                                                "TraceRedactSecrets=" + (redact ? "1" : "0") + "\r\n"),
+                  0u);
 
         const std::wstring type = GetParam();
         std::wstring user = L"keeper", password = m_password, domain = L"LAB";

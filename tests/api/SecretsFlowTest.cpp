@@ -31,12 +31,6 @@ constexpr size_t kTailChars = 14;  // searched for: the end of a secret (see Hea
 
 using qvtest::HostTable;
 
-std::string Narrow(const std::wstring& text) {
-    std::string out;
-    for (wchar_t c : text) out += static_cast<char>(c);
-    return out;
-}
-
 // Fills `hex` (kRandomHex characters, in the arena) with random digits.
 bool RandomHex(wchar_t* hex) {
     BYTE random[kRandomHex / 2] = {};
@@ -87,7 +81,7 @@ TEST(SecretsFlow, NoCopyOfPasswordDigestOrKeyIsLeftInTheHeap) {
     // The same password as JSON text, its U+00E9 escaped: a form never searched for.
     std::wstring json = L"qv\\u00e9" + std::wstring(password + 3, kRandomHex) + L"\\u00e9x";
     qvtest::RefServerInstance server(
-        R"({"users": {"keeper": {"password": ")" + Narrow(json) + R"(", "domain": "LAB"}},)"
+        R"({"users": {"keeper": {"password": ")" + qvtest::Narrow(json) + R"(", "domain": "LAB"}},)"
         R"( "policy": [{"Info": "i", "AuthType": "Basic2", "EnableCredentialCache": "true"},)"
         R"(             {"Info": "i", "AuthType": "SDL2", "EnableCredentialCache": "true"},)"
         R"(             {"Info": "i", "AuthType": "Basic", "EnableCredentialCache": "true"}]})");
@@ -97,10 +91,7 @@ TEST(SecretsFlow, NoCopyOfPasswordDigestOrKeyIsLeftInTheHeap) {
     ASSERT_NE(host.zeb, nullptr);
     const ZEB_INTERFACE* zeb = host.zeb;
     qvtest::TempDir dir;
-    std::string ini = "[Quorvantis]\r\nPortNo=" + std::to_string(server.HttpPort()) +
-                      "\r\nSecurePortNo=" + std::to_string(server.HttpsPort()) + "\r\nTimeout=10000\r\n";
-    ASSERT_TRUE(qvtest::WriteFileBytes(dir.File(L"Quorvantis.ini"), ini));
-    ASSERT_EQ(zeb->Initialize(dir.File(L"Quorvantis.ini").c_str()), 0u);
+    ASSERT_EQ(qvtest::InitializeWithIni(zeb, dir, qvtest::ServerKeys(server) + "Timeout=10000\r\n"), 0u);
 
     wchar_t* user = arena.TakeWide(16);
     wcscpy(user, L"keeper");

@@ -8,7 +8,7 @@
 // The default size (16 threads x 200 flows) fits the CI budget. A longer run,
 // for the figures, outside ctest and its time-out: scripts/stress --flows 1000.
 // Each run prints its figures.
-#include "CannedResponder.h"
+#include "support/CannedResponder.h"
 
 #include <gtest/gtest.h>
 #include <windows.h>
@@ -164,9 +164,9 @@ TEST(Stress, ConcurrentWholeFlowsLeaveNothingBehind) {
     ASSERT_NE(host.zeb, nullptr);
     const ZEB_INTERFACE* zeb = host.zeb;
     qvtest::TempDir dir;
-    std::string ini = "[Quorvantis]\r\nPortNo=" + std::to_string(server.Port()) + "\r\nTimeout=20000\r\nDebugLevel=0\r\n";
-    ASSERT_TRUE(qvtest::WriteFileBytes(dir.File(L"Quorvantis.ini"), ini));
-    ASSERT_EQ(zeb->Initialize(dir.File(L"Quorvantis.ini").c_str()), 0u);
+    ASSERT_EQ(qvtest::InitializeWithIni(zeb, dir,
+                                        "PortNo=" + std::to_string(server.Port()) + "\r\nTimeout=20000\r\nDebugLevel=0\r\n"),
+              0u);
 
     // The first handle of this test: every later one is above it.
     DWORD first = 0;

@@ -30,12 +30,6 @@ DWORD CertificateRefusalCode() {
     return RunningUnderWine() ? ZEB_ERROR_WINHTTP_UNKNOWN : ZEB_ERROR_WINHTTP_SECURE_FAILURE;
 }
 
-std::string Narrow(const std::wstring& text) {
-    std::string out;
-    for (wchar_t c : text) out += static_cast<char>(c);
-    return out;
-}
-
 size_t Count(const std::string& text, const std::string& what) {
     size_t n = 0;
     for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
@@ -58,12 +52,10 @@ protected:
     }
 
     void Initialize(const std::string& extra) {
-        std::string ini = "[Quorvantis]\r\nPortNo=" + std::to_string(server.HttpPort()) +
-                          "\r\nSecurePortNo=" + std::to_string(server.HttpsPort()) +
-                          "\r\nTimeout=10000\r\nDebugLevel=5\r\nDebugFile=" + Narrow(m_dir.File(L"trace.log")) +
-                          "\r\n" + extra;
-        ASSERT_TRUE(qvtest::WriteFileBytes(m_dir.File(L"Quorvantis.ini"), ini));
-        ASSERT_EQ(zeb->Initialize(m_dir.File(L"Quorvantis.ini").c_str()), 0u);
+        ASSERT_EQ(qvtest::InitializeWithIni(zeb, m_dir,
+                                            qvtest::ServerKeys(server) + "Timeout=10000\r\n" +
+                                                qvtest::TraceKeys(m_dir.File(L"trace.log")) + extra),
+                  0u);
     }
 
     DWORD GetPolicy(DWORD handle, DWORD* count) {

@@ -11,6 +11,7 @@
 #include "api/QuorvantisAPI.h"
 #include "config/AddinSettings.h"
 #include "support/FakeWinHttp.h"
+#include "support/HostTable.h"
 #include "support/RefServer.h"
 #include "support/TestSupport.h"
 #include "support/TraceCapture.h"
@@ -28,9 +29,7 @@ protected:
 
     // Settings of this test (section "Quorvantis", the given lines).
     void Initialize(const std::string& lines = "") {
-        std::wstring ini = m_dir.File(L"Quorvantis.ini");
-        ASSERT_TRUE(qvtest::WriteFileBytes(ini, "[Quorvantis]\r\nTimeout=1000\r\n" + lines));
-        ASSERT_EQ(zeb->Initialize(ini.c_str()), 0u);
+        ASSERT_EQ(qvtest::InitializeWithIni(zeb, m_dir, "Timeout=1000\r\n" + lines), 0u);
     }
 
     static std::string Policy() {

@@ -7,7 +7,9 @@
 
 #include "auth/IAuthentication.h"
 #include "config/AddinSettings.h"
+#include "common/HeapBuffer.h"
 #include "support/RefServer.h"
+#include "support/ScopedSettings.h"
 #include "support/TestSupport.h"
 #include "transport/CSoapTrans.h"
 
@@ -23,23 +25,13 @@ const wchar_t kSecret1Digest[] = L"e002921a4c0a23c035ed44005c979955";
 struct Outputs {
     std::wstring assertionId = L"untouched-id";
     std::wstring samlToken = L"untouched-token";
-    BYTE* digest = nullptr;
+    qv::ByteBuffer digest;
     DWORD digestSize = 0;
-    ~Outputs() { free(digest); }
 };
 
 class AuthLogin : public ::testing::Test {
 protected:
-    void SetUp() override {
-        m_previous = AddinSettings::Current();
-        std::string ini = "[Quorvantis]\r\nDebugLevel=5\r\nDebugFile=";
-        for (wchar_t c : m_dir.File(L"trace.log")) ini += static_cast<char>(c);
-        ini += "\r\n";
-        ASSERT_TRUE(qvtest::WriteFileBytes(m_dir.File(L"Quorvantis.ini"), ini));
-        AddinSettings::Replace(std::make_shared<const AddinSettings>(m_dir.File(L"Quorvantis.ini").c_str()));
-    }
-    void TearDown() override { AddinSettings::Replace(m_previous); }
-    std::string Log() { return qvtest::ReadFileBytes(m_dir.File(L"trace.log")); }
+    std::string Log() { return qvtest::ReadFileBytes(m_settings.File(L"trace.log")); }
 
     // One authentication as the login client runs it: fresh mechanism from
     // the factory, one call, deleted whatever the result.
@@ -58,8 +50,8 @@ protected:
         if (!auth) return 0xFFFFFFFF;
         result = auth->Authentication(&transport, flags, &authInfo, credential, kStsPath,
                                       static_cast<USHORT>(server.HttpPort()), static_cast<USHORT>(server.HttpsPort()),
-                                      L"127.0.0.1", &out->assertionId, &out->samlToken, &out->digest,
-                                      &out->digestSize);
+                                      L"127.0.0.1", &out->assertionId, &out->samlToken,
+                                      qv::out_param(out->digest, out->digestSize), &out->digestSize);
         transport.Close();
         return result;
     }
@@ -78,13 +70,12 @@ protected:
         EXPECT_NE(out.samlToken.find(out.assertionId), std::wstring::npos);
     }
 
-    qvtest::TempDir m_dir;
-    std::shared_ptr<const AddinSettings> m_previous;
+    qvtest::ScopedSettings m_settings{qvtest::kTraceToFile};
 };
 
 std::wstring DigestText(const Outputs& out) {
     if (!out.digest || out.digestSize < 2) return std::wstring();
-    return std::wstring(reinterpret_cast<const wchar_t*>(out.digest), out.digestSize / 2 - 1);
+    return std::wstring(reinterpret_cast<const wchar_t*>(out.digest.get()), out.digestSize / 2 - 1);
 }
 
 }  // namespace
@@ -97,7 +88,7 @@ TEST_F(AuthLogin, BasicLogsInWithOneMessage) {
     Outputs out;
     ASSERT_EQ(Login(server, L"Basic", 0, &credential, &out), 0u);
     ExpectAssertion(out);
-    EXPECT_EQ(out.digest, nullptr);
+    EXPECT_EQ(out.digest.get(), nullptr);
     EXPECT_EQ(StsRequests(server), 1u);
     EXPECT_NE(server.Requests().back().body.find("<wls:Info>CORP</wls:Info>"), std::string::npos);
 }
@@ -151,7 +142,7 @@ TEST_F(AuthLogin, Sdl2WithPasswordThenWithStoredDigest) {
     Outputs second;
     ASSERT_EQ(Login(server, L"SDL2", AUTH_FLAG_DIGEST_PASSWORD, &fromDigest, &second, L"realm"), 0u);
     ExpectAssertion(second);
-    EXPECT_EQ(second.digest, nullptr);
+    EXPECT_EQ(second.digest.get(), nullptr);
     EXPECT_EQ(second.digestSize, 0u);
 }
 
@@ -171,7 +162,7 @@ TEST_F(AuthLogin, SdlWithPasswordThenWithStoredDigest) {
     Outputs second;
     ASSERT_EQ(Login(server, L"SDL", AUTH_FLAG_DIGEST_PASSWORD, &fromDigest, &second, L"realm"), 0u);
     ExpectAssertion(second);
-    EXPECT_EQ(second.digest, nullptr);
+    EXPECT_EQ(second.digest.get(), nullptr);
 }
 
 TEST_F(AuthLogin, SecondMessageFailureLeavesSamlOutputsAndFreesDigest) {
@@ -184,7 +175,7 @@ TEST_F(AuthLogin, SecondMessageFailureLeavesSamlOutputsAndFreesDigest) {
         EXPECT_EQ(Login(server, type, AUTH_FLAG_RETURN_DIGEST, &credential, &out, L"realm"), 0xD5070102u) << type;
         EXPECT_EQ(out.assertionId, L"untouched-id") << type;
         EXPECT_EQ(out.samlToken, L"untouched-token") << type;
-        EXPECT_EQ(out.digest, nullptr) << type;
+        EXPECT_EQ(out.digest.get(), nullptr) << type;
         EXPECT_EQ(out.digestSize, 0u) << type;
     }
 }
@@ -197,7 +188,7 @@ TEST_F(AuthLogin, NtlmExplicitCredentialsAccepted) {
     Outputs out;
     ASSERT_EQ(Login(server, L"NTLM", AUTH_FLAG_EXPLICIT_CREDENTIAL, &credential, &out), 0u);
     ExpectAssertion(out);
-    EXPECT_EQ(out.digest, nullptr);
+    EXPECT_EQ(out.digest.get(), nullptr);
     EXPECT_EQ(StsRequests(server), 2u);
     EXPECT_STREQ(user, L"jsmith");
     EXPECT_STREQ(password, L"Secret-1");  // the caller's strings are only pointed at

@@ -6,6 +6,7 @@
 
 #include "clients/WLSClient.h"
 #include "config/AddinSettings.h"
+#include "support/ScopedSettings.h"
 #include "support/TestSupport.h"
 
 namespace {
@@ -38,19 +39,9 @@ AuthInfo MakeAuthInfo(const wchar_t* type) {
 // Points the trace log at a file of its own for the test's lifetime.
 class LoggedTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        m_previous = AddinSettings::Current();
-        std::string ini = "[Quorvantis]\r\nDebugLevel=5\r\nDebugFile=";
-        for (wchar_t c : m_dir.File(L"trace.log")) ini += static_cast<char>(c);
-        ini += "\r\n";
-        ASSERT_TRUE(qvtest::WriteFileBytes(m_dir.File(L"Quorvantis.ini"), ini));
-        AddinSettings::Replace(std::make_shared<const AddinSettings>(m_dir.File(L"Quorvantis.ini").c_str()));
-    }
-    void TearDown() override { AddinSettings::Replace(m_previous); }
-    std::string Log() { return qvtest::ReadFileBytes(m_dir.File(L"trace.log")); }
+    std::string Log() { return qvtest::ReadFileBytes(m_settings.File(L"trace.log")); }
 
-    qvtest::TempDir m_dir;
-    std::shared_ptr<const AddinSettings> m_previous;
+    qvtest::ScopedSettings m_settings{qvtest::kTraceToFile};
 };
 
 }  // namespace

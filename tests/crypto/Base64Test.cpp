@@ -10,6 +10,7 @@
 
 #include "crypto/Base64.h"
 #include "log/WSCLog.h"
+#include "support/TestSupport.h"
 
 namespace {
 
@@ -44,6 +45,7 @@ std::wstring Encode(const std::string& bytes) {
 std::string Decode(const std::wstring& text, DWORD* count = nullptr) {
     BYTE* data = reinterpret_cast<BYTE*>(1);
     DWORD n = Base64Decoding(text, &data);
+    qvtest::Malloced<BYTE> owned(data);
     if (count) *count = n;
     std::string bytes;
     if (n) {
@@ -52,7 +54,6 @@ std::string Decode(const std::wstring& text, DWORD* count = nullptr) {
     } else {
         EXPECT_EQ(data, nullptr);
     }
-    std::free(data);
     return bytes;
 }
 

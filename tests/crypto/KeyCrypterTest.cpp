@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "Quorvantis.h"
+#include "common/HeapBuffer.h"
 #include "crypto/KeyCrypter.h"
 #include "log/WSCLog.h"
 #include "support/TestSupport.h"
@@ -165,10 +166,10 @@ TEST(KeyCrypterInitialize, SecondInitializeFailsAndKeepsTheFirstProvider) {
     EXPECT_EQ(crypter.Provider(), first);
     EXPECT_TRUE(log.Contains("CKeyCrypter::Initialize Initialized Before ZEB_ERROR = d5000057"));
     // The first provider is still usable.
-    BYTE* hash = nullptr;
+    qv::ByteBuffer hash;
     DWORD hashSize = 0;
-    EXPECT_EQ(crypter.GetHashData(reinterpret_cast<const BYTE*>("abc"), 3, &hash, &hashSize), 0u);
-    std::free(hash);
+    EXPECT_EQ(crypter.GetHashData(reinterpret_cast<const BYTE*>("abc"), 3, qv::out_param(hash, hashSize), &hashSize),
+              0u);
 }
 
 TEST(KeyCrypterInitialize, UnsupportedAlgorithmIsTheGeneralError) {
@@ -372,13 +373,13 @@ TEST(KeyCrypterNext, NullBufferIsAnInvalidParameter) {
 TEST(KeyCrypterGetHashData, Md5OfAbc) {
     KeyCrypter crypter;
     ASSERT_EQ(crypter.Initialize(CALG_MD5, 0), 0u);
-    BYTE* hash = nullptr;
+    qv::ByteBuffer hash;
     DWORD hashSize = 0;
-    ASSERT_EQ(crypter.GetHashData(reinterpret_cast<const BYTE*>("abc"), 3, &hash, &hashSize), 0u);
-    ASSERT_NE(hash, nullptr);
+    ASSERT_EQ(crypter.GetHashData(reinterpret_cast<const BYTE*>("abc"), 3, qv::out_param(hash, hashSize), &hashSize),
+              0u);
+    ASSERT_NE(hash.get(), nullptr);
     EXPECT_EQ(hashSize, 16u);
-    EXPECT_EQ(Hex(hash, hashSize), "900150983cd24fb0d6963f7d28e17f72");
-    std::free(hash);
+    EXPECT_EQ(Hex(hash.get(), hashSize), "900150983cd24fb0d6963f7d28e17f72");
 }
 
 TEST(KeyCrypterGetHashData, OtherAlgorithmsFail) {
@@ -429,11 +430,10 @@ struct HmacVector {
 
 std::string RunHmac(KeyCrypter& crypter, ALG_ID algorithm, const Bytes& key, const Bytes& data, DWORD* result) {
     USHORT size = 0;
-    BYTE* value = nullptr;
+    qv::ByteBuffer value;
     *result = crypter.CreateHMAC(algorithm, static_cast<USHORT>(key.size()), key.empty() ? nullptr : key.data(),
-                                 static_cast<DWORD>(data.size()), data.data(), &size, &value);
-    std::string hex = value ? Hex(value, size) : std::string();
-    std::free(value);
+                                 static_cast<DWORD>(data.size()), data.data(), &size, qv::out_param(value, size));
+    std::string hex = value ? Hex(value.get(), size) : std::string();
     return hex;
 }
 
@@ -522,21 +522,20 @@ TEST(KeyCrypterEncryptWithPublicKey, OutputIsTheReversedBlockOfModulusLength) {
     Bytes secret(20);
     ASSERT_EQ(crypter.Next(secret.data(), 20), 0u);
     DWORD size = 0;
-    BYTE* encrypted = nullptr;
+    qv::ByteBuffer encrypted;
     ASSERT_EQ(crypter.EncryptWithPublicKey(static_cast<USHORT>(pair.PublicDer().size()), pair.PublicDer().data(),
-                                           20, secret.data(), &size, &encrypted),
+                                           20, secret.data(), &size, qv::out_param(encrypted, size)),
               0u);
-    ASSERT_NE(encrypted, nullptr);
+    ASSERT_NE(encrypted.get(), nullptr);
     EXPECT_EQ(size, 256u);  // a 2048-bit modulus
 
     // Back to CryptoAPI's least-significant-first order, then decrypt.
-    Bytes littleEndian(encrypted, encrypted + size);
+    Bytes littleEndian(encrypted.get(), encrypted.get() + size);
     std::reverse(littleEndian.begin(), littleEndian.end());
     EXPECT_EQ(pair.Decrypt(littleEndian), secret);
     // Unreversed, it is not a valid block for this key.
-    Bytes asSent(encrypted, encrypted + size);
+    Bytes asSent(encrypted.get(), encrypted.get() + size);
     EXPECT_NE(pair.Decrypt(asSent), secret);
-    std::free(encrypted);
 }
 
 TEST(KeyCrypterEncryptWithPublicKey, BadArguments) {
@@ -578,25 +577,23 @@ TEST(KeyCrypterEncryptWithPublicKey, DecodePublicKeyGivesACspBlob) {
     ASSERT_FALSE(pair.PublicDer().empty());
     KeyCrypter crypter;
     DWORD blobSize = 0;
-    BYTE* blob = nullptr;
+    qv::ByteBuffer blob;
     ASSERT_EQ(crypter.DecodePublicKey(static_cast<USHORT>(pair.PublicDer().size()), pair.PublicDer().data(),
-                                      &blobSize, &blob),
+                                      &blobSize, qv::out_param(blob, blobSize)),
               0u);
-    ASSERT_NE(blob, nullptr);
-    const BLOBHEADER* header = reinterpret_cast<const BLOBHEADER*>(blob);
+    ASSERT_NE(blob.get(), nullptr);
+    const BLOBHEADER* header = reinterpret_cast<const BLOBHEADER*>(blob.get());
     EXPECT_EQ(header->bType, PUBLICKEYBLOB);
-    const RSAPUBKEY* rsa = reinterpret_cast<const RSAPUBKEY*>(blob + sizeof(BLOBHEADER));
+    const RSAPUBKEY* rsa = reinterpret_cast<const RSAPUBKEY*>(blob.get() + sizeof(BLOBHEADER));
     EXPECT_EQ(rsa->bitlen, 2048u);
     EXPECT_EQ(blobSize, sizeof(BLOBHEADER) + sizeof(RSAPUBKEY) + 256u);
-    std::free(blob);
 }
 
 TEST(KeyCrypterReverse, ReversesIntoANewBuffer) {
     const BYTE input[] = {1, 2, 3, 4, 5};
-    BYTE* out = KeyCrypter::Reverse(5, input);
+    qvtest::Malloced<BYTE> out(KeyCrypter::Reverse(5, input));
     ASSERT_NE(out, nullptr);
-    EXPECT_EQ(Bytes(out, out + 5), (Bytes{5, 4, 3, 2, 1}));
-    std::free(out);
+    EXPECT_EQ(Bytes(out.get(), out.get() + 5), (Bytes{5, 4, 3, 2, 1}));
     EXPECT_EQ(KeyCrypter::Reverse(0, input), nullptr);
     EXPECT_EQ(KeyCrypter::Reverse(5, nullptr), nullptr);
 }

@@ -7,14 +7,14 @@
 #include <cwchar>
 
 #include "log/StringConv.h"
+#include "support/TestSupport.h"
 
 namespace {
 
 TEST(StringConv, Utf8ToWideConvertsAndTerminates) {
-    wchar_t* wide = ConvertMultiToWide("gr\xC3\xBC\xC3\x9F" "e \xE2\x82\xAC");
+    qvtest::Malloced<wchar_t> wide(ConvertMultiToWide("gr\xC3\xBC\xC3\x9F" "e \xE2\x82\xAC"));
     ASSERT_NE(wide, nullptr);
-    EXPECT_STREQ(wide, L"gr\u00FC\u00DFe \u20AC");
-    free(wide);
+    EXPECT_STREQ(wide.get(), L"gr\u00FC\u00DFe \u20AC");
 }
 
 TEST(StringConv, NullAndEmptyInputsGiveNothing) {
@@ -33,36 +33,31 @@ TEST(StringConv, NullAndEmptyInputsGiveNothing) {
 
 TEST(StringConv, WideToUtf8ReportsTheByteLength) {
     DWORD length = 0;
-    char* utf8 = ConvertWideToMulti(L"a\u00E9\u20AC", CP_UTF8, &length);
+    qvtest::Malloced<char> utf8(ConvertWideToMulti(L"a\u00E9\u20AC", CP_UTF8, &length));
     ASSERT_NE(utf8, nullptr);
     EXPECT_EQ(length, 6u);
-    EXPECT_STREQ(utf8, "a\xC3\xA9\xE2\x82\xAC");
-    free(utf8);
+    EXPECT_STREQ(utf8.get(), "a\xC3\xA9\xE2\x82\xAC");
 
-    char* noLength = ConvertWideToMulti(L"plain", CP_UTF8);
+    qvtest::Malloced<char> noLength(ConvertWideToMulti(L"plain", CP_UTF8));
     ASSERT_NE(noLength, nullptr);
-    EXPECT_STREQ(noLength, "plain");
-    free(noLength);
+    EXPECT_STREQ(noLength.get(), "plain");
 }
 
 TEST(StringConv, WideToAnsiKeepsAscii) {
-    char* ansi = ConvertWideToAnsi(L"Initialize OUT");
+    qvtest::Malloced<char> ansi(ConvertWideToAnsi(L"Initialize OUT"));
     ASSERT_NE(ansi, nullptr);
-    EXPECT_STREQ(ansi, "Initialize OUT");
-    free(ansi);
+    EXPECT_STREQ(ansi.get(), "Initialize OUT");
 }
 
 TEST(StringConv, LongTextRoundTrips) {
     std::wstring text(100000, L'\u00E4');
     DWORD length = 0;
-    char* utf8 = ConvertWideToMulti(text.c_str(), CP_UTF8, &length);
+    qvtest::Malloced<char> utf8(ConvertWideToMulti(text.c_str(), CP_UTF8, &length));
     ASSERT_NE(utf8, nullptr);
     EXPECT_EQ(length, 200000u);
-    wchar_t* back = ConvertMultiToWide(utf8);
+    qvtest::Malloced<wchar_t> back(ConvertMultiToWide(utf8.get()));
     ASSERT_NE(back, nullptr);
-    EXPECT_EQ(std::wstring(back), text);
-    free(utf8);
-    free(back);
+    EXPECT_EQ(std::wstring(back.get()), text);
 }
 
 TEST(StringConv, StdStringHelpers) {

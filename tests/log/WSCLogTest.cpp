@@ -181,10 +181,9 @@ TEST_F(WSCLogTest, FileGetsEachLineAppendedInTheAnsiCodePage) {
     WSCLog::Print(record, "second %s", "narrow");
     ASSERT_EQ(g_wideLines.size(), 1u);
     ASSERT_EQ(g_narrowLines.size(), 1u);
-    char* ansi = ConvertWideToAnsi(g_wideLines[0].c_str());
+    qvtest::Malloced<char> ansi(ConvertWideToAnsi(g_wideLines[0].c_str()));
     ASSERT_NE(ansi, nullptr);
-    std::string expected = std::string("existing") + ansi + g_narrowLines[0];
-    free(ansi);
+    std::string expected = std::string("existing") + ansi.get() + g_narrowLines[0];
     EXPECT_EQ(qvtest::ReadFileBytes(file), expected);
 }
 

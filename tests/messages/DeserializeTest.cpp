@@ -19,6 +19,7 @@
 #include "messages/RST_Basic2.h"
 #include "messages/RST_NTLM.h"
 #include "messages/RST_SDL.h"
+#include "support/TestSupport.h"
 
 using msgtest::Answer;
 
@@ -49,14 +50,13 @@ TEST(MessageDeserialize, GetPolicyTwoAuthInfoGivesTwoRecordsInOrder) {
     GetPolicyRequest message;
     ASSERT_EQ(message.Deserialize(response.get(), L""), 0u);
     ASSERT_EQ(message.GetAuthInfoCount(), 2u);
-    AuthInfo* list = message.DetachAuthInfo();
+    qvtest::Malloced<AuthInfo> list(message.DetachAuthInfo());
     ASSERT_NE(list, nullptr);
     const AuthInfo expected[2] = {Record(L"Domain login", L"NTLM", 1), Record(L"Card", L"Basic2", 0)};
     static_assert(sizeof(expected) == 520, "two records are 520 bytes");
-    EXPECT_EQ(std::memcmp(list, expected, sizeof(expected)), 0);
+    EXPECT_EQ(std::memcmp(list.get(), expected, sizeof(expected)), 0);
     EXPECT_EQ(message.GetAuthInfoCount(), 0u);
     EXPECT_EQ(message.DetachAuthInfo(), nullptr);
-    std::free(list);
 }
 
 TEST(MessageDeserialize, GetPolicyWithoutAuthInfoGivesNothing) {
@@ -122,12 +122,12 @@ TEST(MessageDeserialize, GetACTReadsTokenAndSignature) {
     EXPECT_STREQ(message.GetSignatureText(), L"c2lnbmF0dXJl");
     EXPECT_EQ(message.GetSignatureDataSize(), 12u);
     EXPECT_EQ(message.GetSignatureDataType(), 1u);
-    wchar_t* act = message.DetachACT();
-    wchar_t* signature = message.DetachSignature();
+    qvtest::Malloced<wchar_t> act(message.DetachACT());
+    qvtest::Malloced<wchar_t> signature(message.DetachSignature());
+    EXPECT_NE(act, nullptr);
+    EXPECT_NE(signature, nullptr);
     EXPECT_EQ(message.GetACTText(), nullptr);
     EXPECT_EQ(message.GetSignatureText(), nullptr);
-    std::free(act);
-    std::free(signature);
 }
 
 TEST(MessageDeserialize, GetACTWithoutSignatureGivesAnEmptySignature) {

@@ -395,7 +395,6 @@ protected:
         return L"<?xml version=\"1.0\" encoding=\"utf-8\"?>" + doctype + L"<soap:Envelope xmlns:soap=\"" + kSoapUri +
                L"\" xmlns:t=\"urn:test\"><soap:Body><t:v>" + value + L"</t:v></soap:Body></soap:Envelope>";
     }
-    static std::string Narrow(const std::wstring& text) { return std::string(text.begin(), text.end()); }
 };
 
 TEST_F(SoapMessageDtdTest, InternalSubsetIsRefusedAndTheDocumentBeforeIsKept) {
@@ -429,7 +428,7 @@ TEST_F(SoapMessageDtdTest, NothingNamedByTheDeclarationIsFetched) {
         L"<!DOCTYPE soap:Envelope [<!ENTITY % p SYSTEM \"" + base + L"/parameter.dtd\"> %p;]>", L"x");
     for (const std::wstring* text : {&external, &entity, &parameter}) {
         SoapMessage message;
-        EXPECT_EQ(message.SetXMLData(text->c_str(), kBindings.c_str()), SoapMessage::kDomFailure) << Narrow(*text);
+        EXPECT_EQ(message.SetXMLData(text->c_str(), kBindings.c_str()), SoapMessage::kDomFailure) << qvtest::Narrow(*text);
     }
     EXPECT_EQ(srv.Requests().size(), 0u);
 }

@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include "support/RefServer.h"
+#include "support/TestSupport.h"
+
 namespace qvtest {
 
 HostTable::HostTable() {
@@ -33,6 +36,51 @@ ActResult CallGetACT(const ZEB_INTERFACE* zeb, DWORD handle, const wchar_t* subj
     zeb->BufferFree(act);
     zeb->BufferFree(signature);
     return r;
+}
+
+DWORD InitializeWithIni(const ZEB_INTERFACE* zeb, const TempDir& dir, const std::string& keys) {
+    const std::wstring ini = dir.File(L"Quorvantis.ini");
+    if (!WriteFileBytes(ini, "[Quorvantis]\r\n" + keys)) {
+        ADD_FAILURE() << "cannot write " << Narrow(ini);
+        return ~0u;
+    }
+    return zeb->Initialize(ini.c_str());
+}
+
+std::string ServerKeys(const RefServerInstance& server) {
+    return "PortNo=" + std::to_string(server.HttpPort()) + "\r\nSecurePortNo=" + std::to_string(server.HttpsPort()) +
+           "\r\n";
+}
+
+std::string TraceKeys(const std::wstring& file, int level) {
+    return "DebugLevel=" + std::to_string(level) + "\r\nDebugFile=" + Narrow(file) + "\r\n";
+}
+
+DWORD CallGetPolicy(const ZEB_INTERFACE* zeb, DWORD handle, std::vector<AuthInfo>* entries, DWORD* sslFlag) {
+    DWORD count = 77, ssl = sslFlag ? *sslFlag : 0;
+    AuthInfo* list = nullptr;
+    const DWORD result = zeb->GetPolicy(handle, &count, &list, &ssl);
+    if (sslFlag) *sslFlag = ssl;
+    entries->clear();
+    if (list)
+        entries->assign(list, list + count);
+    else
+        EXPECT_EQ(count, 0u);
+    zeb->BufferFree(list);
+    return result;
+}
+
+DWORD CallAuthentication(const ZEB_INTERFACE* zeb, DWORD handle, DWORD flags, const AuthInfo& info,
+                         const wchar_t* user, const wchar_t* password, const wchar_t* domain,
+                         std::vector<BYTE>* output) {
+    std::wstring u = user, p = password, d = domain;
+    AuthCredential credential = {&u[0], &p[0], &d[0]};
+    BYTE* bytes = nullptr;
+    DWORD size = 0;
+    const DWORD result = zeb->Authentication(handle, flags, &info, &credential, &bytes, &size);
+    if (output) output->assign(bytes, bytes ? bytes + size : bytes);
+    zeb->BufferFree(bytes);
+    return result;
 }
 
 }  // namespace qvtest

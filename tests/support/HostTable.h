@@ -9,9 +9,13 @@
 #endif
 #include "Quorvantis.h"
 
+#include <string>
 #include <vector>
 
 namespace qvtest {
+
+class RefServerInstance;
+class TempDir;
 
 class HostTable {
 public:
@@ -37,5 +41,24 @@ struct ActResult {
 
 // Calls GetACT through the table; the sizes must match what was handed out.
 ActResult CallGetACT(const ZEB_INTERFACE* zeb, DWORD handle, const wchar_t* subject, DWORD actFlags);
+
+// The add-in's ini file as an administrator writes it: "[Quorvantis]" and
+// `keys` (lines of "Key=value"), as Quorvantis.ini in `dir`, then Initialize
+// with it. The result of Initialize.
+DWORD InitializeWithIni(const ZEB_INTERFACE* zeb, const TempDir& dir, const std::string& keys);
+// The ini lines that point the add-in at a reference-server instance.
+std::string ServerKeys(const RefServerInstance& server);
+// The ini lines that write the trace log to `file` at `level`.
+std::string TraceKeys(const std::wstring& file, int level = 5);
+
+// GetPolicy through the table: the list copied into `entries` and handed
+// back. With no list the count must be 0. `sslFlag` may be null; the add-in
+// always gets one, holding what `sslFlag` held.
+DWORD CallGetPolicy(const ZEB_INTERFACE* zeb, DWORD handle, std::vector<AuthInfo>* entries, DWORD* sslFlag = nullptr);
+// Authentication through the table with a credential of the three texts;
+// what it hands out goes into `output` (when given) and is handed back.
+DWORD CallAuthentication(const ZEB_INTERFACE* zeb, DWORD handle, DWORD flags, const AuthInfo& info,
+                         const wchar_t* user, const wchar_t* password, const wchar_t* domain,
+                         std::vector<BYTE>* output = nullptr);
 
 }  // namespace qvtest

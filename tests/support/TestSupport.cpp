@@ -30,6 +30,20 @@ void RemoveTree(const std::wstring& path) {
 
 }  // namespace
 
+std::string Narrow(const std::wstring& text) {
+    std::string out;
+    out.reserve(text.size());
+    for (wchar_t c : text) out += static_cast<char>(c);
+    return out;
+}
+
+bool AllZero(const void* data, size_t size) {
+    const BYTE* bytes = static_cast<const BYTE*>(data);
+    for (size_t i = 0; i < size; ++i)
+        if (bytes[i]) return false;
+    return true;
+}
+
 // A folder no other test has: Wine hands out small process ids again soon,
 // so a name made of the id and a counter can meet a folder an earlier test
 // process left behind (with its files). Only a folder this call created is

@@ -3,9 +3,18 @@
 
 #include <windows.h>
 
+#include <cstdlib>
+#include <memory>
 #include <string>
 
 namespace qvtest {
+
+// Owns a block that the code under test handed out from malloc.
+struct FreeDeleter {
+    void operator()(void* block) const noexcept { std::free(block); }
+};
+template <typename T>
+using Malloced = std::unique_ptr<T, FreeDeleter>;
 
 // A new empty folder under %TEMP%, removed with its files when destroyed.
 class TempDir {
@@ -20,6 +29,13 @@ public:
 private:
     std::wstring m_path;
 };
+
+// The text with each character cut to its low byte: for paths and other
+// ASCII texts that go into an ini file or a JSON string.
+std::string Narrow(const std::wstring& text);
+
+// True when every byte of the block is zero (a wiped secret).
+bool AllZero(const void* data, size_t size);
 
 // Writes `content` (UTF-8 or ANSI bytes) to `path`, replacing it.
 bool WriteFileBytes(const std::wstring& path, const std::string& content);

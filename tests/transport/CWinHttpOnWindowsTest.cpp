@@ -9,6 +9,7 @@
 #include <string>
 
 #include "Quorvantis.h"
+#include "common/HeapBuffer.h"
 #include "support/FakeWinHttp.h"
 #include "support/TraceCapture.h"
 #include "transport/CWinHttp.h"
@@ -49,9 +50,7 @@ protected:
         return code;
     }
     DWORD Send() {
-        std::free(bytes);
-        bytes = nullptr;
-        return channel->SendRequest(L"urn:action", L"<e/>", &text, &bytes, &byteCount, L"");
+        return channel->SendRequest(L"urn:action", L"<e/>", &text, qv::out_param(bytes, byteCount), &byteCount, L"");
     }
     // The old settings go back first: a new ScopedSettings restores, when it
     // goes, whatever was current when it came.
@@ -61,14 +60,14 @@ protected:
     }
     void TearDown() override {
         channel.reset();
-        std::free(bytes);
+        bytes.reset();
     }
 
     std::unique_ptr<qvtest::ScopedSettings> settings{new qvtest::ScopedSettings("Timeout=3000\r\n")};
     FakeWinHttp fake;
     std::unique_ptr<CWinHttp> channel;
     std::wstring text;
-    BYTE* bytes = nullptr;
+    qv::ByteBuffer bytes;
     DWORD byteCount = 0;
 };
 
@@ -172,7 +171,7 @@ TEST_F(CWinHttpOnWindows, WindowsOwnCodesThroughTheChannel) {
     fake.Queue(cut);
     EXPECT_EQ(Send(), ZEB_ERROR_WINHTTP_CONNECTION_ERROR);
     EXPECT_TRUE(text.empty());
-    EXPECT_EQ(bytes, nullptr);
+    EXPECT_EQ(bytes.get(), nullptr);
 }
 
 // The lenient default ignores an unknown authority, a name mismatch and an

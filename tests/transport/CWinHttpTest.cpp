@@ -7,6 +7,7 @@
 #include <string>
 
 #include "Quorvantis.h"
+#include "common/HeapBuffer.h"
 #include "support/RefServer.h"
 #include "transport/CWinHttp.h"
 
@@ -24,17 +25,14 @@ const char kFault[] =
     "<soap:Envelope xmlns:soap=\\\"http://www.w3.org/2003/05/soap-envelope\\\"><soap:Body><soap:Fault>"
     "<soap:Reason><soap:Text>denied</soap:Text></soap:Reason></soap:Fault></soap:Body></soap:Envelope>";
 
-// One exchange's outputs, freed when it goes.
+// One exchange's outputs.
 struct Exchange {
     std::wstring text;
-    BYTE* bytes = nullptr;
+    qv::ByteBuffer bytes;
     DWORD byteCount = 0;
-    ~Exchange() { std::free(bytes); }
     DWORD Send(CWinHttp& channel, const std::wstring& action = L"", const std::wstring& mtomId = L"",
                const std::wstring& envelope = kEnvelope) {
-        std::free(bytes);
-        bytes = nullptr;
-        return channel.SendRequest(action, envelope, &text, &bytes, &byteCount, mtomId);
+        return channel.SendRequest(action, envelope, &text, qv::out_param(bytes, byteCount), &byteCount, mtomId);
     }
 };
 
@@ -122,7 +120,7 @@ TEST_F(CWinHttpTest, PostsUtf8EnvelopeWithExactHeaders) {
     Exchange ex;
     ASSERT_EQ(ex.Send(*channel, L"urn:test:action"), 0u);
     EXPECT_EQ(ex.text, L"<ok>\u00e9</ok>");
-    EXPECT_EQ(ex.bytes, nullptr);  // plain exchange: no byte copy
+    EXPECT_EQ(ex.bytes.get(), nullptr);  // plain exchange: no byte copy
     EXPECT_EQ(ex.byteCount, 0u);
 
     auto requests = server.Requests();
@@ -202,10 +200,10 @@ TEST_F(CWinHttpTest, MtomAnswerInSeveralChunksComesBackAsOneBuffer) {
               "multipart/related; type=\"application/xop+xml\"; boundary=--MIMEBoundary0123-4567; "
               "start=\"<0.0123-4567@example.org>\"; start-info=\"application/soap+xml; charset=utf-8\"");
 
-    ASSERT_NE(whole.bytes, nullptr);
-    ASSERT_NE(chunked.bytes, nullptr);
-    std::string one(reinterpret_cast<const char*>(whole.bytes), whole.byteCount);
-    std::string assembled(reinterpret_cast<const char*>(chunked.bytes), chunked.byteCount);
+    ASSERT_NE(whole.bytes.get(), nullptr);
+    ASSERT_NE(chunked.bytes.get(), nullptr);
+    std::string one(reinterpret_cast<const char*>(whole.bytes.get()), whole.byteCount);
+    std::string assembled(reinterpret_cast<const char*>(chunked.bytes.get()), chunked.byteCount);
     EXPECT_GT(chunked.byteCount, 180u);  // three sized chunks and the rest
     EXPECT_EQ(assembled, one);           // the sum of the chunks, in arrival order
     EXPECT_EQ(one.substr(0, 19), "\r\n--MIMEBoundaryX\r\n");

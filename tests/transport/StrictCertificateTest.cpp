@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "Quorvantis.h"
+#include "common/HeapBuffer.h"
 #include "support/Json.h"
 #include "support/RefServer.h"
 #include "transport/CWinHttp.h"
@@ -111,10 +112,9 @@ protected:
         if (code != 0) return code;
         channel.SetObjectPath(kStsPath);
         std::wstring body;
-        BYTE* bytes = nullptr;
+        qv::ByteBuffer bytes;
         DWORD byteCount = 0;
-        code = channel.SendRequest(L"", kEnvelope, &body, &bytes, &byteCount, L"");
-        std::free(bytes);
+        code = channel.SendRequest(L"", kEnvelope, &body, qv::out_param(bytes, byteCount), &byteCount, L"");
         if (text) *text = body;
         return code;
     }

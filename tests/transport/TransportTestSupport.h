@@ -1,5 +1,5 @@
-// Shared helpers of the transport tests: settings from a temporary ini for the
-// duration of a test, and small conversions.
+// Shared helpers of the transport tests: small conversions and a closed port
+// (settings from a temporary ini come from support/ScopedSettings.h).
 #pragma once
 
 #include <winsock2.h>
@@ -8,34 +8,10 @@
 #include <memory>
 #include <string>
 
-#include "config/AddinSettings.h"
+#include "support/ScopedSettings.h"
 #include "support/TestSupport.h"
 
 namespace qvtest {
-
-// Makes settings read from an ini (section "Quorvantis", the given lines)
-// current; the settings that were current come back when it is destroyed.
-// "{dir}" in the lines stands for the ini's own temporary folder.
-class ScopedSettings {
-public:
-    explicit ScopedSettings(std::string keyLines) : m_previous(AddinSettings::Current()) {
-        std::string dir;
-        for (wchar_t c : m_dir.Path()) dir.push_back(static_cast<char>(c));
-        for (size_t at = keyLines.find("{dir}"); at != std::string::npos; at = keyLines.find("{dir}"))
-            keyLines.replace(at, 5, dir);
-        std::wstring ini = m_dir.File(L"Quorvantis.ini");
-        WriteFileBytes(ini, "[Quorvantis]\r\n" + keyLines);
-        AddinSettings::Replace(std::make_shared<const AddinSettings>(ini.c_str()));
-    }
-    std::wstring File(const std::wstring& name) const { return m_dir.File(name); }
-    ~ScopedSettings() { AddinSettings::Replace(m_previous); }
-    ScopedSettings(const ScopedSettings&) = delete;
-    ScopedSettings& operator=(const ScopedSettings&) = delete;
-
-private:
-    TempDir m_dir;
-    std::shared_ptr<const AddinSettings> m_previous;
-};
 
 inline std::wstring Wide(const std::string& s) {
     std::wstring out;

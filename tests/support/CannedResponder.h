@@ -1,4 +1,4 @@
-// A loopback HTTP/1.1 listener inside the benchmark process that answers every
+// A loopback HTTP/1.1 listener inside the test or benchmark process that answers every
 // request with a fixed answer chosen by path and body, in one write, with
 // TCP_NODELAY: it costs next to nothing, so the figures show the client's cost.
 // One thread serves every connection (a poll loop), so its CPU time is one

@@ -1,4 +1,4 @@
-#include "CannedResponder.h"
+#include "support/CannedResponder.h"
 
 #include <ws2tcpip.h>
 
