@@ -107,8 +107,12 @@ protected:
     // "<line> ZEB_ERROR = <code>" as the trace writes a failure.
     bool LoggedFailure(const std::string& line, DWORD code) { return Logged(line + " ZEB_ERROR = " + Hex8(code)); }
 
+    // With no list the count must be 0.
     DWORD GetPolicy(std::vector<AuthInfo>* entries, DWORD* sslFlag = nullptr) {
-        return qvtest::CallGetPolicy(zeb(), m_handle, entries, sslFlag);
+        DWORD count = 0;
+        const DWORD result = qvtest::CallGetPolicy(zeb(), m_handle, entries, sslFlag, &count);
+        if (entries->empty()) EXPECT_EQ(count, 0u);
+        return result;
     }
 
     DWORD Login(const AuthInfo& info, const wchar_t* user = L"alice", const wchar_t* password = L"pw",

@@ -52,9 +52,10 @@ std::string ServerKeys(const RefServerInstance& server);
 std::string TraceKeys(const std::wstring& file, int level = 5);
 
 // GetPolicy through the table: the list copied into `entries` and handed
-// back. With no list the count must be 0. `sslFlag` may be null; the add-in
-// always gets one, holding what `sslFlag` held.
-DWORD CallGetPolicy(const ZEB_INTERFACE* zeb, DWORD handle, std::vector<AuthInfo>* entries, DWORD* sslFlag = nullptr);
+// back. The add-in always gets an SSL flag set to 0 first, and a count of 77;
+// `sslFlag` and `count` (either may be null) get what it left in them.
+DWORD CallGetPolicy(const ZEB_INTERFACE* zeb, DWORD handle, std::vector<AuthInfo>* entries, DWORD* sslFlag = nullptr,
+                    DWORD* count = nullptr);
 // Authentication through the table with a credential of the three texts;
 // what it hands out goes into `output` (when given) and is handed back.
 DWORD CallAuthentication(const ZEB_INTERFACE* zeb, DWORD handle, DWORD flags, const AuthInfo& info,
