@@ -35,10 +35,8 @@ DWORD Auth_SDL2::Authentication(CSoapTrans* transport, DWORD flags, const AuthIn
     // A user ID longer than kMaxUserIdLength cannot be carried by the answer
     // to the challenge, so it is refused before anything is sent.
     if (!qv::SdlArgumentsGiven(transport, flags, authInfo, credential, assertionId, samlToken, digest, digestSize) ||
-        std::wcslen(credential->UserID) > kMaxUserIdLength) {
-        WSCLOG(1, L"Auth_SDL2::Authentication PARAMETER ZEB_ERROR = %08x", ZEB_ERROR_INVALID_PARAMETER);
-        return ZEB_ERROR_INVALID_PARAMETER;
-    }
+        std::wcslen(credential->UserID) > kMaxUserIdLength)
+        return QV_FAIL(ZEB_ERROR_INVALID_PARAMETER, L"Auth_SDL2::Authentication PARAMETER ZEB_ERROR = %08x");
     m_pSoapTrans = transport;
 
     qv::SdlLoginSteps steps;
@@ -100,10 +98,8 @@ DWORD Auth_SDL2::MakeChallengeResponseData(const wchar_t* userId, const BYTE* di
 
     KeyCrypter crypter;
     DWORD result = crypter.Initialize(CALG_MD5, 0);
-    if (ZEB_FAILED(result)) {
-        WSCLOG(1, L"Auth_SDL2::MakeChallengeResponseData KeyCrypter.Initialize ZEB_ERROR = %08x", result);
-        return result;
-    }
+    if (ZEB_FAILED(result))
+        return QV_FAIL(result, L"Auth_SDL2::MakeChallengeResponseData KeyCrypter.Initialize ZEB_ERROR = %08x");
     // Without a digest (empty password) the key is empty, which HMAC treats
     // as an all-zero key.
     USHORT hmacLength = 0;
@@ -116,10 +112,8 @@ DWORD Auth_SDL2::MakeChallengeResponseData(const wchar_t* userId, const BYTE* di
         return result;
     }
     result = crypter.Clear();
-    if (ZEB_FAILED(result)) {
-        WSCLOG(1, L"Auth_SDL2::MakeChallengeResponseData KeyCrypter.Clear ZEB_ERROR = %08x", result);
-        return result;
-    }
+    if (ZEB_FAILED(result))
+        return QV_FAIL(result, L"Auth_SDL2::MakeChallengeResponseData KeyCrypter.Clear ZEB_ERROR = %08x");
 
     std::wstring text(userId);
     text.push_back(L' ');

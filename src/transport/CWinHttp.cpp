@@ -393,10 +393,7 @@ DWORD CWinHttp::CheckStatus() {
         return QV_FAIL(ZEB_ERROR_WINHTTP_CONNECTED_FAILURE, L"CWinHttp::_SendRequest Connected failure ZEB_ERROR = %08x");
     if (status == 302) {
         code = InitRedirect();
-        if (ZEB_FAILED(code)) {
-            WSCLOG(1, L"CWinHttp::_SendRequest InitRedirect ZEB_ERROR = %08x", code);
-            return code;
-        }
+        if (ZEB_FAILED(code)) return QV_FAIL(code, L"CWinHttp::_SendRequest InitRedirect ZEB_ERROR = %08x");
         WSCLOG(4, L"CWinHttp::_SendRequest Connection Redirect ZEB_ERROR = %08x", ZEB_ERROR_WINHTTP_REDIRECT);
         return ZEB_ERROR_WINHTTP_REDIRECT;
     }
