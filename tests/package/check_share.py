@@ -7,6 +7,7 @@
   (section [Quorvantis]) is there, commented out (";Key=value"), with the
   table's default as its value ("(none)": empty), and no key the table does
   not have; nothing in it is set (no uncommented key);
+- every relative link of its Markdown files leads to a file of the package;
 - the reference server: every module its .py files import is either one of
   its own, Python's standard library, or listed in its requirements.txt and
   named in its README; and the README says how to run it on its own.
@@ -53,6 +54,24 @@ def check_ini(path, table, problems):
           % (len(set(sample) & set(table)), len(table)))
 
 
+def check_links(folder, problems):
+    count = 0
+    for top, _, names in os.walk(folder):
+        for name in sorted(names):
+            if not name.endswith(".md"):
+                continue
+            path = os.path.join(top, name)
+            text = open(path, encoding="utf-8").read()
+            for target in re.findall(r"\]\(([^)\s]+)\)", text):
+                if re.match(r"^[a-z]+:", target) or target.startswith("#"):
+                    continue
+                count += 1
+                if not os.path.isfile(os.path.join(top, target.split("#")[0])):
+                    problems.append("%s links %s, which the package does not have"
+                                    % (os.path.relpath(path, folder), target))
+    print("links: %d relative links of the Markdown files checked" % count)
+
+
 def check_refserver(folder, problems):
     own = {name[:-3] for name in os.listdir(folder) if name.endswith(".py")}
     imported = set()
@@ -88,6 +107,7 @@ def main():
     problems = []
     check_ini(os.path.join(args.share, "Quorvantis.ini"), settings_table(os.path.join(args.share, "README.md")),
               problems)
+    check_links(args.share, problems)
     check_refserver(os.path.join(args.share, "refserver"), problems)
     for problem in problems:
         print("FAIL " + problem)

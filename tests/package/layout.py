@@ -25,6 +25,7 @@ FIXED = [
     "lib/cmake/Quorvantis/QuorvantisTargets.cmake",
     "share/quorvantis/Quorvantis.ini",
     "share/quorvantis/README.md",
+    "share/quorvantis/performance.md",
     "share/quorvantis/traceview.html",
     "share/quorvantis/troubleshooting.md",
     "share/quorvantis/refserver/README.md",
