@@ -213,6 +213,12 @@ def _bullets(items):
     return ['- ' + item for item in items]
 
 
+def _section(out, heading, items, render):
+    """Appends `heading`, then `items` as `render` lays them out, when there are any."""
+    if items:
+        out.extend([heading, ''] + render(items) + [''])
+
+
 def _maps_from(family, entry):
     parts = []
     for source in entry.get('maps_from', []):
@@ -329,21 +335,9 @@ def render_doc(data):
         out.append('')
         out.append(family['intro'])
         out.append('')
-        if family.get('causes'):
-            out.append('Likely causes, for every code of this family:')
-            out.append('')
-            out.extend(_bullets(family['causes']))
-            out.append('')
-        if family.get('checks'):
-            out.append('What to check, for every code of this family:')
-            out.append('')
-            out.extend(_bullets(family['checks']))
-            out.append('')
-        if family.get('traces'):
-            out.append('Trace lines of this family (the code is the last `%08x`):')
-            out.append('')
-            out.extend(_code_block(family['traces']))
-            out.append('')
+        _section(out, 'Likely causes, for every code of this family:', family.get('causes'), _bullets)
+        _section(out, 'What to check, for every code of this family:', family.get('checks'), _bullets)
+        _section(out, 'Trace lines of this family (the code is the last `%08x`):', family.get('traces'), _code_block)
 
         for entry in [c for c in data['codes'] if c['family'] == family['id']]:
             out.append('### <a id="%s"></a>%s' % (anchor(entry), _heading(entry)))
@@ -363,26 +357,12 @@ def render_doc(data):
             if facts:
                 out.extend(_bullets(facts))
                 out.append('')
-            out.append(family.get('causes_label', 'Likely causes') + ':')
-            out.append('')
-            out.extend(_bullets(entry.get('causes') or ['None beyond the meaning above.']))
-            out.append('')
-            if entry.get('checks'):
-                out.append('What to check:')
-                out.append('')
-                out.extend(_bullets(entry['checks']))
-                out.append('')
-            if entry.get('traces'):
-                out.append('Trace lines:')
-                out.append('')
-                out.extend(_code_block(entry['traces']))
-                out.append('')
-            if entry.get('other_traces'):
-                out.append('Other lines that give it (memory exhaustion, or checks inside the add-in that a host '
-                           'cannot trigger; report those to the vendor):')
-                out.append('')
-                out.extend(_code_block(entry['other_traces']))
-                out.append('')
+            _section(out, family.get('causes_label', 'Likely causes') + ':',
+                     entry.get('causes') or ['None beyond the meaning above.'], _bullets)
+            _section(out, 'What to check:', entry.get('checks'), _bullets)
+            _section(out, 'Trace lines:', entry.get('traces'), _code_block)
+            _section(out, 'Other lines that give it (memory exhaustion, or checks inside the add-in that a host '
+                     'cannot trigger; report those to the vendor):', entry.get('other_traces'), _code_block)
             if family.get('causes') or family.get('checks') or family.get('traces'):
                 out.append('The causes, checks and trace lines of the whole family apply as well: [%s](#family-%s).'
                            % (family['title'], family['id']))

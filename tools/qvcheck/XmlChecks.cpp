@@ -165,6 +165,17 @@ std::wstring Nested(int depth) {
 
 std::string RefusedText(long errorCode) { return "refused (" + Code(static_cast<DWORD>(errorCode)) + ")"; }
 
+// The plain SOAP answer in a document made as the add-in makes it. False,
+// with the reason in *failure, when there is no document or it refused the
+// text; settings it refused are listed in *refused.
+bool LoadAnswer(qv::ComPtr<IXMLDOMDocument2>& document, std::vector<Refusal>* refused, std::string* failure) {
+    if (!MakeHardenedDocument(kAddinMaxElementDepth, document, refused, failure)) return false;
+    long errorCode = 0;
+    if (Load(document.get(), kAnswer, &errorCode)) return true;
+    *failure = "loadXML of a plain SOAP answer " + RefusedText(errorCode);
+    return false;
+}
+
 }  // namespace
 
 Result CheckXmlProperties(const Environment& environment) {
@@ -174,10 +185,7 @@ Result CheckXmlProperties(const Environment& environment) {
     qv::ComPtr<IXMLDOMDocument2> document;
     std::vector<Refusal> refused;
     std::string failure;
-    if (!MakeHardenedDocument(kAddinMaxElementDepth, document, &refused, &failure)) return Make(name, Status::kFail, failure);
-    long errorCode = 0;
-    if (!Load(document.get(), kAnswer, &errorCode))
-        return Make(name, Status::kFail, "loadXML of a plain SOAP answer " + RefusedText(errorCode));
+    if (!LoadAnswer(document, &refused, &failure)) return Make(name, Status::kFail, failure);
     // After the load, as the add-in sets them.
     const HRESULT language = SetTextProperty(document.get(), L"SelectionLanguage", L"XPath");
     if (FAILED(language)) refused.push_back({"SelectionLanguage", language});
@@ -207,10 +215,7 @@ Result CheckXmlXPath(const Environment&) {
     qv::ComPtr<IXMLDOMDocument2> document;
     std::vector<Refusal> refused;
     std::string failure;
-    if (!MakeHardenedDocument(kAddinMaxElementDepth, document, &refused, &failure)) return Make(name, Status::kFail, failure);
-    long errorCode = 0;
-    if (!Load(document.get(), kAnswer, &errorCode))
-        return Make(name, Status::kFail, "loadXML of a plain SOAP answer " + RefusedText(errorCode));
+    if (!LoadAnswer(document, &refused, &failure)) return Make(name, Status::kFail, failure);
     if (FAILED(SetTextProperty(document.get(), L"SelectionLanguage", L"XPath")) ||
         FAILED(SetTextProperty(document.get(), L"SelectionNamespaces", kBindings)))
         return Make(name, Status::kFail, "setProperty(SelectionLanguage/SelectionNamespaces) refused");
